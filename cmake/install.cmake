@@ -1,0 +1,31 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS ksStereoCameraDriver
+  EXPORT ksStereoCameraDriverTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/ksStereoCameraDriver.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+install(EXPORT ksStereoCameraDriverTargets
+  NAMESPACE ksStereoCameraDriver::
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ksStereoCameraDriver)
+configure_package_config_file(
+  ${PROJECT_SOURCE_DIR}/cmake/ksStereoCameraDriverConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/ksStereoCameraDriverConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ksStereoCameraDriver)
+write_basic_package_version_file(
+  ${PROJECT_BINARY_DIR}/ksStereoCameraDriverConfigVersion.cmake
+  VERSION ${PROJECT_VERSION}
+  COMPATIBILITY SameMinorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/ksStereoCameraDriverConfig.cmake
+  ${PROJECT_BINARY_DIR}/ksStereoCameraDriverConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ksStereoCameraDriver)
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/ksStereoCameraDriver.pc.in
+  ${PROJECT_BINARY_DIR}/ksStereoCameraDriver.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/ksStereoCameraDriver.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

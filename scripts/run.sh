@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# The main job: builds the library and its tool, then runs the tool.
+#   scripts/run.sh [tool arguments...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+
+build=build
+jobs=$(nproc 2>/dev/null || echo 2)
+cmake -S . -B "$build" -G Ninja -DKS_BUILD_TESTS=OFF -DKS_BUILD_BENCH=OFF >/dev/null
+cmake --build "$build" -j "$jobs" --target ksinfo
+"$build/tools/ksinfo" "$@"
