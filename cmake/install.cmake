@@ -25,6 +25,10 @@ install(FILES
   ${PROJECT_BINARY_DIR}/ksStereoCameraDriverConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ksStereoCameraDriver)
 
+# Relocatable: the prefix is found from where the .pc file lies.
+file(RELATIVE_PATH KS_PC_RELATIVE_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+     ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" KS_PC_RELATIVE_PREFIX "${KS_PC_RELATIVE_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ksStereoCameraDriver.pc.in
   ${PROJECT_BINARY_DIR}/ksStereoCameraDriver.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ksStereoCameraDriver.pc

@@ -3,7 +3,7 @@
 # run as root. Safe to run again: it does nothing when everything is there.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ gcc pkg-config libgtest-dev libgmock-dev libbenchmark-dev)
+packages=(cmake ninja-build g++ gcc pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -1,8 +1,9 @@
+/* Prints what this build of the library is. */
 #include <stdio.h>
 
 #include "ksStereoCameraDriver.h"
 
 int main(void) {
-    printf("%s\n", ksGetSdkVersion());
+    printf("libksStereoCameraDriver %s\n", ksGetSdkVersion());
     return 0;
 }
