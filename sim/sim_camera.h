@@ -1,0 +1,226 @@
+// The device model of one USB camera as the host sees it through the UVC
+// driver: a capture node and a metadata node, the buffer queue behind the
+// capture node, the frame producer, and faults.
+//
+// Locking: ctl_mu_ serialises requests and settings (like the video device's
+// lock in the kernel); mu_ guards the queue, the producer state and the
+// faults, and is the only lock the producer thread and a blocking dequeue
+// take. Order: ctl_mu_ before mu_. Neither is held while calling the world,
+// except for its clock and frame cache, which take only their own locks.
+#ifndef KSSIM_SIM_CAMERA_H
+#define KSSIM_SIM_CAMERA_H
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sim/kssim.h"
+#include "sim/sim_frame.h"
+#include "sim/sim_scene.h"
+
+struct uvc_xu_control_query;
+
+namespace kssim {
+
+class World;
+class Camera;
+
+enum class NodeKind { Capture = 0, Meta = 1 };
+
+// One open descriptor of a node. The descriptor itself is an eventfd whose
+// readability mirrors the node's poll state.
+struct OpenFile {
+    int fd = -1;
+    Camera *camera = nullptr;
+    NodeKind node = NodeKind::Capture;
+    uint64_t instance = 0;  // the plug-in instance it was opened on
+    bool nonblock = false;
+    bool signalled = false;  // eventfd holds a count; guarded by the camera's mu_
+};
+
+// The extension unit behind UVCIOC_CTRL_QUERY (the controller's message
+// channel). Without one the request is unknown to the node.
+class ExtensionUnit {
+public:
+    virtual ~ExtensionUnit() = default;
+    // 0 or a negative errno.
+    virtual int query(Camera &camera, struct uvc_xu_control_query &q) = 0;
+};
+
+// Buffer memory: one memfd holding every buffer of a REQBUFS, so that each
+// host mapping is a real shared mapping that outlives the queue.
+struct BufferSet {
+    BufferSet() = default;
+    BufferSet(const BufferSet &) = delete;
+    BufferSet &operator=(const BufferSet &) = delete;
+    ~BufferSet();
+    int memfd = -1;
+    uint8_t *base = nullptr;  // the device's own mapping of the whole set
+    size_t buf_size = 0;      // sizeimage
+    size_t stride = 0;        // page-aligned distance between buffers (and offsets)
+    uint32_t count = 0;
+    std::unique_ptr<std::atomic<uint32_t>[]> mapped;  // host mappings per buffer
+};
+
+struct Fault {
+    bool active = false;
+    bool by_count = false;
+    uint32_t left = 0;
+    int64_t until_ns = 0;  // virtual monotonic end; 0: none
+    int32_t value = 0;
+};
+
+class Camera {
+public:
+    enum class Kind { Stereo, Webcam };
+
+    Camera(World &world, Kind kind, const kssim_camera_config &cfg, int video_index, int port,
+           const std::string &by_id_base);
+    ~Camera();
+    Camera(const Camera &) = delete;
+    Camera &operator=(const Camera &) = delete;
+
+    // ---- identity and namespace
+    Kind kind() const { return kind_; }
+    int video_index() const { return video_index_; }
+    const std::string &node_path(NodeKind n) const { return node_path_[static_cast<int>(n)]; }
+    const std::string &by_path_name(NodeKind n) const { return by_path_[static_cast<int>(n)]; }
+    const std::string &by_id_name(NodeKind n) const { return by_id_[static_cast<int>(n)]; }
+    const std::string &by_path_link(NodeKind n) const {
+        return by_path_link_[static_cast<int>(n)];
+    }
+    const std::string &by_id_link(NodeKind n) const { return by_id_link_[static_cast<int>(n)]; }
+    kssim_camera_config config() const;
+    bool plugged() const { return plugged_.load(std::memory_order_acquire); }
+
+    // ---- node layer (called by the world's backend)
+    void attach(const std::shared_ptr<OpenFile> &f);
+    void detach(OpenFile &f);
+    int ioctl(OpenFile &f, unsigned long request, void *arg);  // 0 or -errno
+    // Maps buffer memory for a host mmap; on failure MAP_FAILED and *err.
+    void *map(OpenFile &f, void *addr, size_t length, int prot, int flags, off_t offset,
+              std::shared_ptr<BufferSet> *set, uint32_t *index, int *err);
+    // The node's poll state: readable (data or error) and error (not streaming, gone).
+    void poll_state(const OpenFile &f, bool *readable, bool *error);
+    uint64_t instance_now() const;
+
+    // ---- settings
+    int set_output_channel(uint8_t channel);
+    uint8_t output_channel() const;
+    int set_frame_rate(double fps);
+    double frame_rate() const;
+    int set_scene(const kssim_scene &scene);
+    void set_extension_unit(std::unique_ptr<ExtensionUnit> unit);
+    // Ground truth at the current output size.
+    int true_distance(uint32_t x, uint32_t y, double *mm);
+
+    // ---- faults, plugging, statistics
+    int inject_fault(const kssim_fault_spec &spec);
+    int clear_fault(kssim_fault_kind kind);
+    bool fault_active(kssim_fault_kind kind);
+    int unplug();
+    int replug();
+    // Replugs when a timed unplug has run out.
+    void tick(int64_t now_ns);
+    kssim_camera_stats stats();
+    long produce_frame(uint8_t *dst, size_t size);
+    // Wakes the producer to re-plan its wait (warp changed).
+    void wake();
+
+private:
+    struct BufState {
+        enum State { Dequeued, Queued, Filling, Done } state = Dequeued;
+        uint32_t bytesused = 0;
+        uint32_t sequence = 0;
+        int64_t timestamp_ns = 0;
+    };
+
+    // requests
+    int querycap(OpenFile &f, void *arg);
+    int enum_fmt(OpenFile &f, void *arg);
+    int enum_framesizes(OpenFile &f, void *arg);
+    int enum_frameintervals(OpenFile &f, void *arg);
+    int get_fmt(OpenFile &f, void *arg);
+    int set_fmt(OpenFile &f, void *arg, bool try_only);
+    int reqbufs(OpenFile &f, void *arg);
+    int querybuf(OpenFile &f, void *arg);
+    int qbuf(OpenFile &f, void *arg);
+    int dqbuf(OpenFile &f, void *arg);
+    int streamon(OpenFile &f, void *arg);
+    int streamoff(OpenFile &f, void *arg);
+    int parm(OpenFile &f, void *arg);
+
+    bool capture_type_ok(uint32_t type) const;
+    uint32_t device_caps(NodeKind n) const;
+    uint32_t fourcc() const;
+    uint32_t bytes_per_pixel() const;
+    size_t sizeimage() const;
+    void fill_buffer(void *arg, uint32_t index);  // caller holds mu_
+
+    // queue and producer (caller holds mu_ through lk)
+    void stop_producer(std::unique_lock<std::mutex> &lk);
+    void stream_off(std::unique_lock<std::mutex> &lk);
+    void release_queue(std::unique_lock<std::mutex> &lk);
+    void refresh_ready();  // caller holds mu_
+    void poll_state_locked(const OpenFile &f, bool *readable, bool *error) const;
+    void producer_main();
+    void emit_frame(std::unique_lock<std::mutex> &lk, int64_t due_ns);
+    std::shared_ptr<const SourceFrame> frame_source(std::unique_lock<std::mutex> &lk);
+    bool take_fault(kssim_fault_kind kind, int32_t *value);  // caller holds mu_
+    bool fault_on(kssim_fault_kind kind);                    // caller holds mu_
+    void unplug_locked(std::unique_lock<std::mutex> &lk);
+    void power_on();  // caller holds mu_
+
+    World &world_;
+    const Kind kind_;
+    const int video_index_;
+    const int port_;
+    std::string node_path_[2], by_path_[2], by_id_[2], by_path_link_[2], by_id_link_[2];
+
+    std::mutex ctl_mu_;
+    mutable std::mutex mu_;
+    std::condition_variable cv_;
+
+    kssim_camera_config cfg_;  // guarded by mu_ (scene, fps may change)
+    std::atomic<bool> plugged_{true};
+    uint64_t instance_ = 1;
+    std::atomic<int64_t> replug_at_ns_{0};
+    std::unique_ptr<ExtensionUnit> xu_;
+
+    // format and channel
+    uint16_t width_ = 0, height_ = 0;
+    uint8_t channel_ = KSSIM_CHANNEL_RGBD;
+    std::shared_ptr<const SourceFrame> frame_;  // cached source for size/channel/scene
+    int64_t plug_ns_ = 0;                       // camera clock origin
+    uint64_t frame_id_ = 0;
+
+    // queue
+    std::vector<std::shared_ptr<OpenFile>> files_;
+    OpenFile *owner_ = nullptr;
+    uint32_t buf_type_ = 0;
+    std::shared_ptr<BufferSet> bufs_;
+    std::vector<BufState> bstate_;
+    std::deque<uint32_t> queued_, done_;
+    bool streaming_ = false;
+    uint32_t sequence_ = 0;
+
+    // producer
+    std::thread producer_;
+    bool stop_ = false;
+    int64_t next_due_ns_ = 0;
+
+    Fault faults_[KSSIM_FAULT_KIND_COUNT];
+    kssim_camera_stats stats_{};
+};
+
+}  // namespace kssim
+
+#endif

@@ -1,0 +1,114 @@
+// A world: cameras, a virtual clock, a path namespace and open descriptors,
+// with the platform backend that routes the library's seam to them.
+//
+// Owned paths: the capture and metadata nodes of its cameras (/dev/videoN)
+// and the whole /dev/v4l tree, whose by-path and by-id directories hold
+// links to the nodes of plugged cameras (and, as udev does, disappear when
+// empty). Everything else falls through to the real system.
+#ifndef KSSIM_SIM_WORLD_H
+#define KSSIM_SIM_WORLD_H
+
+#include <dirent.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <tuple>
+#include <unordered_map>
+#include <vector>
+
+#include "common/ks_platform.h"
+#include "sim/kssim.h"
+#include "sim/sim_camera.h"
+#include "sim/sim_clock.h"
+#include "sim/sim_frame.h"
+#include "sim/sim_scene.h"
+
+namespace kssim {
+
+// Rendered views and encoded frames, shared by every camera of a world.
+class FrameCache {
+public:
+    std::shared_ptr<const SourceFrame> get(const kssim_scene &scene, int width, int height,
+                                           double bxf, double baseline, uint8_t channel);
+
+private:
+    using ViewKey = std::tuple<int, double, uint32_t, int, int, double, double>;
+    std::mutex mu_;
+    std::map<ViewKey, std::shared_ptr<SceneView>> views_;
+    std::map<std::pair<ViewKey, uint8_t>, std::shared_ptr<const SourceFrame>> frames_;
+};
+
+class World {
+public:
+    World();
+    ~World();
+    World(const World &) = delete;
+    World &operator=(const World &) = delete;
+
+    VirtualClock &clock() { return clock_; }
+    FrameCache &frames() { return frames_; }
+    void set_warp(double warp);
+
+    Camera *add_camera(Camera::Kind kind, const kssim_camera_config &cfg);
+    uint32_t camera_count();
+    Camera *camera(uint32_t index);
+
+    // Runs timed events (replug after a timed unplug).
+    void tick();
+
+    // ---- the backend's operations (errno set as the C library does)
+    int open(const char *path, int flags, mode_t mode);
+    int close(int fd);
+    int ioctl(int fd, unsigned long request, void *arg);
+    void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset);
+    int munmap(void *addr, size_t length);
+    int select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
+               struct timeval *timeout);
+    int stat(const char *path, struct stat *st);
+    int scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter_fn filter,
+                ks_scandir_compar_fn compar);
+    char *realpath(const char *path, char *resolved);
+
+    // Installs the backend for this world (one world at a time).
+    int install();
+    int uninstall();
+    static World *installed();
+
+    // Host mappings of buffer memory still alive (for tests).
+    size_t live_mappings();
+
+private:
+    enum class PathKind { NotOurs, Dir, Node, Missing };
+    struct Resolved {
+        PathKind kind = PathKind::NotOurs;
+        std::string path;  // normalised (links followed)
+        Camera *camera = nullptr;
+        NodeKind node = NodeKind::Capture;
+    };
+    Resolved resolve(const char *path);
+    std::vector<std::pair<std::string, unsigned char>> dir_entries(const std::string &dir);
+    std::shared_ptr<OpenFile> file(int fd);
+
+    struct Mapping {
+        size_t length;
+        std::shared_ptr<BufferSet> set;
+        uint32_t index;
+    };
+
+    VirtualClock clock_;
+    FrameCache frames_;
+    std::mutex mu_;  // cameras_, files_, mappings_
+    std::vector<std::unique_ptr<Camera>> cameras_;
+    std::unordered_map<int, std::shared_ptr<OpenFile>> files_;
+    std::map<uintptr_t, Mapping> mappings_;
+    int next_port_ = 1;
+};
+
+}  // namespace kssim
+
+#endif
