@@ -578,6 +578,7 @@ int Camera::streamon(OpenFile &f, void *arg) {
     if (owner_ != nullptr && owner_ != &f) return -EBUSY;
     if (bufs_ == nullptr || type != buf_type_) return -EINVAL;
     if (streaming_) return 0;
+    frame_source(lk);  // render before the camera's clock starts counting frames
     streaming_ = true;
     sequence_ = 0;
     next_due_ns_ = world_.clock().mono_ns() + period_ns(cfg_.fps);

@@ -1,0 +1,202 @@
+// Test helpers: a world installed for the duration of a test, and a raw
+// V4L2 capture client that talks to a node through the platform seam.
+#ifndef KSSIM_TEST_SIM_FIXTURE_H
+#define KSSIM_TEST_SIM_FIXTURE_H
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/videodev2.h>
+#include <sys/mman.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/ks_platform.h"
+#include "sim/kssim.h"
+
+namespace simtest {
+
+inline int xioctl(int fd, unsigned long request, void *arg) {
+    return ks_sys_ioctl(fd, request, arg);
+}
+
+// ioctl result as 0 or the errno it failed with.
+inline int ioctl_errno(int fd, unsigned long request, void *arg) {
+    return xioctl(fd, request, arg) == 0 ? 0 : errno;
+}
+
+inline int64_t virtual_now_us() {
+    struct timespec ts;
+    ks_sys_clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+class SimTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        world_ = kssim_world_create();
+        ASSERT_NE(world_, nullptr);
+        ASSERT_EQ(0, kssim_world_install(world_));
+    }
+    void TearDown() override {
+        if (world_ != nullptr) kssim_world_destroy(world_);
+        world_ = nullptr;
+        EXPECT_EQ(ks_platform_default_ops(), ks_platform_ops_current());
+    }
+    kssim_camera *add_camera(void (*tweak)(kssim_camera_config &) = nullptr) {
+        kssim_camera_config cfg;
+        kssim_camera_config_init(&cfg);
+        if (tweak != nullptr) tweak(cfg);
+        return kssim_world_add_camera(world_, &cfg);
+    }
+    kssim_world *world_ = nullptr;
+};
+
+// A capture client doing what a V4L2 application does.
+class Capture {
+public:
+    ~Capture() { close(); }
+
+    bool open(const char *path, bool nonblock = true) {
+        fd_ = ks_sys_open(path, O_RDWR | (nonblock ? O_NONBLOCK : 0), 0);
+        return fd_ >= 0;
+    }
+    int fd() const { return fd_; }
+    uint32_t type() const { return type_; }
+    void set_type(uint32_t t) { type_ = t; }
+
+    int set_format(uint32_t w, uint32_t h, v4l2_format *out = nullptr) {
+        v4l2_format f;
+        std::memset(&f, 0, sizeof(f));
+        f.type = type_;
+        if (type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE) {
+            f.fmt.pix.width = w;
+            f.fmt.pix.height = h;
+            f.fmt.pix.pixelformat = V4L2_PIX_FMT_BGR24;
+            f.fmt.pix.field = V4L2_FIELD_INTERLACED;
+        } else {
+            f.fmt.pix_mp.width = w;
+            f.fmt.pix_mp.height = h;
+            f.fmt.pix_mp.pixelformat = V4L2_PIX_FMT_BGR24;
+            f.fmt.pix_mp.field = V4L2_FIELD_INTERLACED;
+        }
+        const int r = ioctl_errno(fd_, VIDIOC_S_FMT, &f);
+        if (r == 0) {
+            width_ = type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE ? f.fmt.pix.width : f.fmt.pix_mp.width;
+            height_ = type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE ? f.fmt.pix.height : f.fmt.pix_mp.height;
+        }
+        if (out != nullptr) *out = f;
+        return r;
+    }
+
+    // REQBUFS + QUERYBUF + mmap of every granted buffer. Returns the count
+    // granted, or -errno.
+    int map_buffers(uint32_t count) {
+        v4l2_requestbuffers req;
+        std::memset(&req, 0, sizeof(req));
+        req.count = count;
+        req.type = type_;
+        req.memory = V4L2_MEMORY_MMAP;
+        if (xioctl(fd_, VIDIOC_REQBUFS, &req) != 0) return -errno;
+        for (uint32_t i = 0; i < req.count; ++i) {
+            v4l2_buffer b;
+            v4l2_plane planes[1];
+            prepare(b, planes, i);
+            if (xioctl(fd_, VIDIOC_QUERYBUF, &b) != 0) return -errno;
+            const uint32_t off = mplane() ? planes[0].m.mem_offset : b.m.offset;
+            const uint32_t len = mplane() ? planes[0].length : b.length;
+            void *p = ks_sys_mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, off);
+            if (p == MAP_FAILED) return -errno;
+            maps_.push_back({static_cast<uint8_t *>(p), len});
+        }
+        return static_cast<int>(req.count);
+    }
+
+    int queue(uint32_t index) {
+        v4l2_buffer b;
+        v4l2_plane planes[1];
+        prepare(b, planes, index);
+        return ioctl_errno(fd_, VIDIOC_QBUF, &b);
+    }
+    int queue_all() {
+        for (uint32_t i = 0; i < maps_.size(); ++i)
+            if (int r = queue(i)) return r;
+        return 0;
+    }
+    int stream_on() {
+        uint32_t t = type_;
+        return ioctl_errno(fd_, VIDIOC_STREAMON, &t);
+    }
+    int stream_off() {
+        uint32_t t = type_;
+        return ioctl_errno(fd_, VIDIOC_STREAMOFF, &t);
+    }
+    int dequeue(v4l2_buffer &b) {
+        v4l2_plane planes[1];
+        prepare(b, planes, 0);
+        const int r = ioctl_errno(fd_, VIDIOC_DQBUF, &b);
+        if (r == 0 && mplane()) {
+            b.bytesused = planes[0].bytesused;
+            b.m.planes = nullptr;
+        }
+        return r;
+    }
+    // select until readable (virtual time-out), 1 readable, 0 time-out, -errno.
+    int wait(long timeout_ms) {
+        fd_set rd;
+        FD_ZERO(&rd);
+        FD_SET(fd_, &rd);
+        struct timeval tv;
+        tv.tv_sec = timeout_ms / 1000;
+        tv.tv_usec = (timeout_ms % 1000) * 1000;
+        const int r = ks_sys_select(fd_ + 1, &rd, nullptr, nullptr, &tv);
+        return r < 0 ? -errno : r;
+    }
+    // Waits, dequeues, copies the frame, re-queues. 0 or errno (ETIMEDOUT).
+    int next_frame(std::vector<uint8_t> &out, v4l2_buffer *info = nullptr, long timeout_ms = 2000) {
+        const int w = wait(timeout_ms);
+        if (w == 0) return ETIMEDOUT;
+        if (w < 0) return -w;
+        v4l2_buffer b;
+        if (int r = dequeue(b)) return r;
+        out.assign(maps_[b.index].first, maps_[b.index].first + b.bytesused);
+        if (info != nullptr) *info = b;
+        return queue(b.index);
+    }
+    void unmap() {
+        for (auto &m : maps_) ks_sys_munmap(m.first, m.second);
+        maps_.clear();
+    }
+    void close() {
+        unmap();
+        if (fd_ >= 0) ks_sys_close(fd_);
+        fd_ = -1;
+    }
+    uint8_t *buffer(uint32_t i) { return maps_[i].first; }
+    uint32_t width() const { return width_; }
+    uint32_t height() const { return height_; }
+
+private:
+    bool mplane() const { return type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE; }
+    void prepare(v4l2_buffer &b, v4l2_plane *planes, uint32_t index) {
+        std::memset(&b, 0, sizeof(b));
+        b.type = type_;
+        b.memory = V4L2_MEMORY_MMAP;
+        b.index = index;
+        if (mplane()) {
+            std::memset(planes, 0, sizeof(*planes));
+            b.m.planes = planes;
+            b.length = 1;
+        }
+    }
+    int fd_ = -1;
+    uint32_t type_ = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    uint32_t width_ = 0, height_ = 0;
+    std::vector<std::pair<uint8_t *, size_t>> maps_;
+};
+
+}  // namespace simtest
+
+#endif

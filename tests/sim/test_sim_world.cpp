@@ -1,0 +1,396 @@
+// The world seen through the platform seam: installation, the path
+// namespace and its links, node identity, formats, and the virtual clock.
+#include <dirent.h>
+#include <linux/uvcvideo.h>
+#include <stdlib.h>
+#include <strings.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+
+#include "sim_fixture.h"
+
+using simtest::Capture;
+using simtest::ioctl_errno;
+using simtest::SimTest;
+
+namespace {
+
+std::vector<std::string> list_dir(const char *dir, int *err = nullptr) {
+    struct dirent **names = nullptr;
+    std::vector<std::string> out;
+    const int n = ks_sys_scandir(dir, &names, nullptr, alphasort);
+    if (err != nullptr) *err = n < 0 ? errno : 0;
+    for (int i = 0; i < n; ++i) {
+        out.push_back(names[i]->d_name);
+        free(names[i]);
+    }
+    free(names);
+    return out;
+}
+
+std::string real_path(const std::string &p) {
+    char buf[PATH_MAX] = {0};
+    return ks_sys_realpath(p.c_str(), buf) != nullptr ? std::string(buf) : std::string();
+}
+
+bool has_key_word(const char *card) {
+    return strcasestr(card, "KS") != nullptr || strcasestr(card, "KESTRA") != nullptr;
+}
+
+v4l2_capability querycap(const char *path) {
+    v4l2_capability cap;
+    std::memset(&cap, 0, sizeof(cap));
+    const int fd = ks_sys_open(path, O_RDWR | O_NONBLOCK, 0);
+    EXPECT_GE(fd, 0) << path;
+    EXPECT_EQ(0, ioctl_errno(fd, VIDIOC_QUERYCAP, &cap));
+    ks_sys_close(fd);
+    return cap;
+}
+
+std::vector<std::pair<uint32_t, uint32_t>> frame_sizes(const char *path, uint32_t fourcc) {
+    std::vector<std::pair<uint32_t, uint32_t>> out;
+    const int fd = ks_sys_open(path, O_RDWR | O_NONBLOCK, 0);
+    EXPECT_GE(fd, 0);
+    for (uint32_t i = 0;; ++i) {
+        v4l2_frmsizeenum s;
+        std::memset(&s, 0, sizeof(s));
+        s.index = i;
+        s.pixel_format = fourcc;
+        if (ioctl_errno(fd, VIDIOC_ENUM_FRAMESIZES, &s) != 0) break;
+        EXPECT_EQ(V4L2_FRMSIZE_TYPE_DISCRETE, s.type);
+        out.emplace_back(s.discrete.width, s.discrete.height);
+    }
+    ks_sys_close(fd);
+    return out;
+}
+
+}  // namespace
+
+TEST(SimInstall, OneWorldAtATimeAndUninstallRestoresTheCLibrary) {
+    kssim_world *a = kssim_world_create();
+    kssim_world *b = kssim_world_create();
+    ASSERT_EQ(0, kssim_world_install(a));
+    EXPECT_NE(ks_platform_default_ops(), ks_platform_ops_current());
+    EXPECT_EQ(a, kssim_installed_world());
+    EXPECT_EQ(-1, kssim_world_install(b));
+    EXPECT_EQ(-1, kssim_world_uninstall(b));
+    EXPECT_EQ(0, kssim_world_uninstall(a));
+    EXPECT_EQ(ks_platform_default_ops(), ks_platform_ops_current());
+    EXPECT_EQ(nullptr, kssim_installed_world());
+    // Destroying an installed world uninstalls it.
+    ASSERT_EQ(0, kssim_world_install(b));
+    kssim_world_destroy(b);
+    EXPECT_EQ(ks_platform_default_ops(), ks_platform_ops_current());
+    kssim_world_destroy(a);
+}
+
+TEST(SimInstall, InvalidConfigurationsAreRefused) {
+    kssim_world *w = kssim_world_create();
+    kssim_camera_config cfg;
+    kssim_camera_config_init(&cfg);
+    cfg.initial_size = {800, 600};  // not among the sizes
+    EXPECT_EQ(nullptr, kssim_world_add_camera(w, &cfg));
+    kssim_camera_config_init(&cfg);
+    cfg.size_count = 0;
+    EXPECT_EQ(nullptr, kssim_world_add_camera(w, &cfg));
+    kssim_camera_config_init(&cfg);
+    cfg.output_channel = 0x11;
+    EXPECT_EQ(nullptr, kssim_world_add_camera(w, &cfg));
+    kssim_camera_config_init(&cfg);
+    cfg.fps = 0;
+    EXPECT_EQ(nullptr, kssim_world_add_camera(w, &cfg));
+    kssim_camera_config_init(&cfg);
+    cfg.video_index = 4;
+    EXPECT_NE(nullptr, kssim_world_add_camera(w, &cfg));
+    cfg.video_index = 5;  // overlaps /dev/video5, the metadata node above
+    EXPECT_EQ(nullptr, kssim_world_add_camera(w, &cfg));
+    EXPECT_EQ(1u, kssim_world_camera_count(w));
+    EXPECT_EQ(-1, kssim_world_set_warp(w, 0));
+    EXPECT_EQ(-1, kssim_world_set_warp(w, -2));
+    kssim_world_destroy(w);
+}
+
+TEST_F(SimTest, NodesAreCharacterDevicesAndOtherPathsFallThrough) {
+    kssim_camera *cam = add_camera();
+    ASSERT_NE(cam, nullptr);
+    EXPECT_STREQ("/dev/video0", kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE));
+    EXPECT_STREQ("/dev/video1", kssim_camera_node_path(cam, KSSIM_NODE_META));
+
+    struct stat st;
+    ASSERT_EQ(0, ks_sys_stat("/dev/video0", &st));
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    EXPECT_EQ(81u, major(st.st_rdev));
+    EXPECT_EQ(0u, minor(st.st_rdev));
+    ASSERT_EQ(0, ks_sys_stat("/dev/video1", &st));
+    EXPECT_EQ(1u, minor(st.st_rdev));
+    ASSERT_EQ(0, ks_sys_stat(kssim_camera_by_path_link(cam, KSSIM_NODE_CAPTURE), &st));
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    ASSERT_EQ(0, ks_sys_stat("/dev/v4l/by-id", &st));
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(-1, ks_sys_stat("/dev/v4l/by-id/usb-nothing-video-index0", &st));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(-1, ks_sys_open("/dev/v4l/by-path/nothing", O_RDWR, 0));
+    EXPECT_EQ(ENOENT, errno);
+
+    // A path the world does not own is the real one.
+    char tmpl[] = "/tmp/kssim-test-XXXXXX";
+    const int tmp = mkstemp(tmpl);
+    ASSERT_GE(tmp, 0);
+    ASSERT_EQ(5, write(tmp, "hello", 5));
+    ::close(tmp);
+    const int fd = ks_sys_open(tmpl, O_RDONLY, 0);
+    ASSERT_GE(fd, 0);
+    char buf[8] = {0};
+    EXPECT_EQ(5, read(fd, buf, sizeof(buf)));
+    EXPECT_STREQ("hello", buf);
+    EXPECT_EQ(0, ks_sys_close(fd));
+    ASSERT_EQ(0, ks_sys_stat(tmpl, &st));
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(std::string(tmpl), real_path(tmpl));
+    unlink(tmpl);
+    // A descriptor the world did not hand out is closed by the system.
+    EXPECT_EQ(-1, ks_sys_close(987654));
+    EXPECT_EQ(EBADF, errno);
+}
+
+TEST_F(SimTest, LinkDirectoriesNameBothNodesOfEveryCamera) {
+    kssim_camera *a = add_camera([](kssim_camera_config &c) { strcpy(c.serial, "SNA0001"); });
+    kssim_camera *b = add_camera([](kssim_camera_config &c) { strcpy(c.serial, "SNB0002"); });
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    EXPECT_STREQ("/dev/video2", kssim_camera_node_path(b, KSSIM_NODE_CAPTURE));
+
+    EXPECT_EQ((std::vector<std::string>{".", "..", "by-id", "by-path"}), list_dir("/dev/v4l"));
+    const auto by_path = list_dir("/dev/v4l/by-path");
+    ASSERT_EQ(6u, by_path.size());  // . .. and two nodes per camera
+    std::set<std::string> targets;
+    for (size_t i = 2; i < by_path.size(); ++i) {
+        EXPECT_NE(std::string::npos, by_path[i].find("-video-index")) << by_path[i];
+        targets.insert(real_path("/dev/v4l/by-path/" + by_path[i]));
+    }
+    EXPECT_EQ((std::set<std::string>{"/dev/video0", "/dev/video1", "/dev/video2", "/dev/video3"}),
+              targets);
+    const auto by_id = list_dir("/dev/v4l/by-id");
+    ASSERT_EQ(6u, by_id.size());
+    for (size_t i = 2; i < by_id.size(); ++i) {
+        const std::string target = real_path("/dev/v4l/by-id/" + by_id[i]);
+        const bool first = target == "/dev/video0" || target == "/dev/video1";
+        EXPECT_NE(std::string::npos, by_id[i].find(first ? "SNA0001" : "SNB0002")) << by_id[i];
+        EXPECT_EQ(target == "/dev/video0" || target == "/dev/video2",
+                  by_id[i].find("video-index0") != std::string::npos);
+    }
+    EXPECT_EQ("/dev/video3", real_path(kssim_camera_by_id_link(b, KSSIM_NODE_META)));
+    // realpath allocates when given no buffer; dotted forms resolve too.
+    char *p = ks_sys_realpath(kssim_camera_by_id_link(a, KSSIM_NODE_CAPTURE), nullptr);
+    ASSERT_NE(p, nullptr);
+    EXPECT_STREQ("/dev/video0", p);
+    free(p);
+    const std::string id_link = kssim_camera_by_id_link(a, KSSIM_NODE_CAPTURE);
+    EXPECT_EQ("/dev/video0",
+              real_path("/dev/v4l/by-path/../by-id/./" + id_link.substr(strlen("/dev/v4l/by-id/"))));
+    EXPECT_EQ("/dev/v4l/by-id", real_path("/dev/v4l/by-path/../by-id/."));
+
+    // The filter sees every entry; /dev lists the nodes and the link tree.
+    struct dirent **names = nullptr;
+    const int n = ks_sys_scandir(
+        "/dev/v4l/by-id", &names, [](const dirent *d) { return d->d_type == DT_LNK ? 1 : 0; },
+        alphasort);
+    ASSERT_EQ(4, n);
+    for (int i = 0; i < n; ++i) free(names[i]);
+    free(names);
+    const auto dev = list_dir("/dev");
+    for (const char *name : {"video0", "video1", "video2", "video3", "v4l"})
+        EXPECT_NE(dev.end(), std::find(dev.begin(), dev.end(), name)) << name;
+    int err = 0;
+    list_dir("/dev/video0", &err);
+    EXPECT_EQ(ENOTDIR, err);
+}
+
+TEST_F(SimTest, UnpluggedCamerasLeaveTheNamespaceAndEmptyDirectoriesVanish) {
+    kssim_camera *a = add_camera([](kssim_camera_config &c) { strcpy(c.serial, "SNA0001"); });
+    kssim_camera *b = add_camera([](kssim_camera_config &c) { strcpy(c.serial, "SNB0002"); });
+    ASSERT_EQ(0, kssim_camera_unplug(a));
+    EXPECT_EQ(0, kssim_camera_plugged(a));
+    struct stat st;
+    EXPECT_EQ(-1, ks_sys_stat("/dev/video0", &st));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(-1, ks_sys_open("/dev/video0", O_RDWR, 0));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(4u, list_dir("/dev/v4l/by-path").size());
+    EXPECT_EQ(nullptr, ks_sys_realpath(kssim_camera_by_id_link(a, KSSIM_NODE_CAPTURE), nullptr));
+    ASSERT_EQ(0, kssim_camera_unplug(b));
+    int err = 0;
+    EXPECT_TRUE(list_dir("/dev/v4l/by-path", &err).empty());
+    EXPECT_EQ(ENOENT, err);
+    EXPECT_EQ(-1, ks_sys_stat("/dev/v4l", &st));
+    ASSERT_EQ(0, kssim_camera_replug(a));
+    EXPECT_EQ(4u, list_dir("/dev/v4l/by-id").size());
+    EXPECT_EQ("/dev/video0", real_path(kssim_camera_by_path_link(a, KSSIM_NODE_CAPTURE)));
+}
+
+TEST_F(SimTest, CaptureAndMetadataNodesReportTheirCapabilities) {
+    kssim_camera *cam = add_camera([](kssim_camera_config &c) { strcpy(c.card, "KESTRA Depth"); });
+    kssim_camera *mp = add_camera([](kssim_camera_config &c) { c.planes = KSSIM_PLANES_BOTH; });
+    kssim_camera *ns = add_camera([](kssim_camera_config &c) {
+        c.planes = KSSIM_PLANES_MULTI;
+        c.streaming_cap = 0;
+    });
+    ASSERT_TRUE(cam && mp && ns);
+
+    const v4l2_capability cap = querycap(kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE));
+    EXPECT_STREQ("uvcvideo", reinterpret_cast<const char *>(cap.driver));
+    EXPECT_STREQ("KESTRA Depth", reinterpret_cast<const char *>(cap.card));
+    EXPECT_TRUE(cap.device_caps & V4L2_CAP_VIDEO_CAPTURE);
+    EXPECT_TRUE(cap.device_caps & V4L2_CAP_STREAMING);
+    EXPECT_FALSE(cap.device_caps & V4L2_CAP_VIDEO_CAPTURE_MPLANE);
+    EXPECT_TRUE(cap.capabilities & V4L2_CAP_DEVICE_CAPS);
+    EXPECT_TRUE(cap.capabilities & V4L2_CAP_META_CAPTURE);
+
+    const v4l2_capability meta = querycap(kssim_camera_node_path(cam, KSSIM_NODE_META));
+    EXPECT_STREQ("KESTRA Depth", reinterpret_cast<const char *>(meta.card));
+    EXPECT_FALSE(meta.device_caps & V4L2_CAP_VIDEO_CAPTURE);
+    EXPECT_TRUE(meta.device_caps & V4L2_CAP_META_CAPTURE);
+    EXPECT_EQ(cap.capabilities, meta.capabilities);
+
+    const v4l2_capability both = querycap(kssim_camera_node_path(mp, KSSIM_NODE_CAPTURE));
+    EXPECT_TRUE(both.device_caps & V4L2_CAP_VIDEO_CAPTURE);
+    EXPECT_TRUE(both.device_caps & V4L2_CAP_VIDEO_CAPTURE_MPLANE);
+    const v4l2_capability nostream = querycap(kssim_camera_node_path(ns, KSSIM_NODE_CAPTURE));
+    EXPECT_FALSE(nostream.device_caps & V4L2_CAP_VIDEO_CAPTURE);
+    EXPECT_TRUE(nostream.device_caps & V4L2_CAP_VIDEO_CAPTURE_MPLANE);
+    EXPECT_FALSE(nostream.device_caps & V4L2_CAP_STREAMING);
+}
+
+TEST_F(SimTest, FormatsAndFrameSizesOfOurCameraTheUsb2CameraAndAWebcam) {
+    kssim_camera *cam = add_camera();
+    kssim_camera *usb2 = kssim_world_add_usb2_camera(world_, "SNUSB2");
+    kssim_camera *web = kssim_world_add_webcam(world_, nullptr);
+    ASSERT_TRUE(cam && usb2 && web);
+
+    Capture c;
+    ASSERT_TRUE(c.open(kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE)));
+    v4l2_fmtdesc d;
+    std::memset(&d, 0, sizeof(d));
+    d.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    ASSERT_EQ(0, ioctl_errno(c.fd(), VIDIOC_ENUM_FMT, &d));
+    EXPECT_EQ(V4L2_PIX_FMT_BGR24, d.pixelformat);
+    EXPECT_EQ(0, memcmp(&d.pixelformat, "BGR3", 4));
+    d.index = 1;
+    EXPECT_EQ(EINVAL, ioctl_errno(c.fd(), VIDIOC_ENUM_FMT, &d));
+    d.index = 0;
+    d.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    EXPECT_EQ(EINVAL, ioctl_errno(c.fd(), VIDIOC_ENUM_FMT, &d));
+    v4l2_frmsizeenum s;
+    std::memset(&s, 0, sizeof(s));
+    s.pixel_format = V4L2_PIX_FMT_YUYV;
+    EXPECT_EQ(EINVAL, ioctl_errno(c.fd(), VIDIOC_ENUM_FRAMESIZES, &s));
+    v4l2_frmivalenum iv;
+    std::memset(&iv, 0, sizeof(iv));
+    iv.pixel_format = V4L2_PIX_FMT_BGR24;
+    iv.width = 1280;
+    iv.height = 720;
+    ASSERT_EQ(0, ioctl_errno(c.fd(), VIDIOC_ENUM_FRAMEINTERVALS, &iv));
+    EXPECT_NEAR(30.0, static_cast<double>(iv.discrete.denominator) / iv.discrete.numerator, 0.01);
+
+    using Sizes = std::vector<std::pair<uint32_t, uint32_t>>;
+    EXPECT_EQ((Sizes{{1280, 720}, {640, 480}}),
+              frame_sizes(kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE), V4L2_PIX_FMT_BGR24));
+    EXPECT_EQ((Sizes{{640, 480}}),
+              frame_sizes(kssim_camera_node_path(usb2, KSSIM_NODE_CAPTURE), V4L2_PIX_FMT_BGR24));
+    EXPECT_TRUE(has_key_word(
+        reinterpret_cast<const char *>(querycap(kssim_camera_node_path(usb2, KSSIM_NODE_CAPTURE)).card)));
+
+    const v4l2_capability wc = querycap(kssim_camera_node_path(web, KSSIM_NODE_CAPTURE));
+    EXPECT_FALSE(has_key_word(reinterpret_cast<const char *>(wc.card)));
+    EXPECT_TRUE(wc.device_caps & V4L2_CAP_VIDEO_CAPTURE);
+    EXPECT_EQ((Sizes{{640, 480}, {1280, 720}}),
+              frame_sizes(kssim_camera_node_path(web, KSSIM_NODE_CAPTURE), V4L2_PIX_FMT_YUYV));
+
+    // The metadata node has its own format and no frame sizes.
+    const int m = ks_sys_open(kssim_camera_node_path(cam, KSSIM_NODE_META), O_RDWR | O_NONBLOCK, 0);
+    ASSERT_GE(m, 0);
+    std::memset(&d, 0, sizeof(d));
+    d.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    EXPECT_EQ(EINVAL, ioctl_errno(m, VIDIOC_ENUM_FMT, &d));
+    d.type = V4L2_BUF_TYPE_META_CAPTURE;
+    ASSERT_EQ(0, ioctl_errno(m, VIDIOC_ENUM_FMT, &d));
+    EXPECT_EQ(V4L2_META_FMT_UVC, d.pixelformat);
+    std::memset(&s, 0, sizeof(s));
+    s.pixel_format = V4L2_PIX_FMT_BGR24;
+    EXPECT_EQ(ENOTTY, ioctl_errno(m, VIDIOC_ENUM_FRAMESIZES, &s));
+    ks_sys_close(m);
+}
+
+TEST_F(SimTest, NodesOpenManyTimesAndRefuseUnknownOrMalformedRequests) {
+    kssim_camera *cam = add_camera();
+    const char *path = kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE);
+    const int a = ks_sys_open(path, O_RDWR | O_NONBLOCK, 0);
+    const int b = ks_sys_open(kssim_camera_by_path_link(cam, KSSIM_NODE_CAPTURE), O_RDWR, 0);
+    const int c = ks_sys_open(path, O_RDWR | O_NONBLOCK, 0);
+    ASSERT_GE(a, 0);
+    ASSERT_GE(b, 0);
+    ASSERT_GE(c, 0);
+    EXPECT_NE(a, b);
+    EXPECT_NE(b, c);
+    kssim_camera_stats st;
+    ASSERT_EQ(0, kssim_camera_get_stats(cam, &st));
+    EXPECT_EQ(3u, st.open_files);
+    v4l2_capability cap;
+    for (int fd : {a, b, c}) EXPECT_EQ(0, ioctl_errno(fd, VIDIOC_QUERYCAP, &cap));
+
+    EXPECT_EQ(ENOTTY, ioctl_errno(a, VIDIOC_G_INPUT, &cap));
+    EXPECT_EQ(ENOTTY, ioctl_errno(a, 0xDEADBEEF, &cap));
+    uvc_xu_control_query q;
+    std::memset(&q, 0, sizeof(q));
+    EXPECT_EQ(ENOTTY, ioctl_errno(a, UVCIOC_CTRL_QUERY, &q));
+    EXPECT_EQ(EFAULT, ioctl_errno(a, VIDIOC_QUERYCAP, nullptr));
+    EXPECT_EQ(EFAULT, ioctl_errno(a, VIDIOC_DQBUF, nullptr));
+    EXPECT_EQ(-1, ks_sys_open(path, O_RDWR | O_CREAT | O_EXCL, 0600));
+    EXPECT_EQ(EEXIST, errno);
+
+    for (int fd : {a, b, c}) EXPECT_EQ(0, ks_sys_close(fd));
+    ASSERT_EQ(0, kssim_camera_get_stats(cam, &st));
+    EXPECT_EQ(0u, st.open_files);
+    EXPECT_EQ(-1, ks_sys_ioctl(a, VIDIOC_QUERYCAP, &cap));  // closed: not ours any more
+    EXPECT_EQ(EBADF, errno);
+}
+
+TEST(SimClock, WarpScalesSleepsSelectTimeoutsAndTheClock) {
+    kssim_world *w = kssim_world_create();
+    ASSERT_EQ(0, kssim_world_install(w));
+    // At warp 1 the clock is the real one.
+    struct timeval sim_tv, real_tv;
+    ks_sys_gettimeofday(&sim_tv);
+    gettimeofday(&real_tv, nullptr);
+    EXPECT_LE(std::abs((real_tv.tv_sec - sim_tv.tv_sec) * 1000000 + (real_tv.tv_usec - sim_tv.tv_usec)),
+              1000000);
+
+    ASSERT_EQ(0, kssim_world_set_warp(w, 100.0));
+    EXPECT_DOUBLE_EQ(100.0, kssim_world_warp(w));
+    struct timespec r0, r1;
+    clock_gettime(CLOCK_MONOTONIC, &r0);
+    const int64_t v0 = simtest::virtual_now_us();
+    struct timeval t0;
+    ks_sys_gettimeofday(&t0);
+    ks_sys_usleep(2000000);  // 2 s of virtual time
+    EXPECT_EQ(0u, ks_sys_sleep(3));
+    struct timeval tv = {5, 0};
+    EXPECT_EQ(0, ks_sys_select(0, nullptr, nullptr, nullptr, &tv));
+    const int64_t v1 = simtest::virtual_now_us();
+    struct timeval t1;
+    ks_sys_gettimeofday(&t1);
+    clock_gettime(CLOCK_MONOTONIC, &r1);
+    EXPECT_GE(v1 - v0, 10000000);
+    EXPECT_GE((t1.tv_sec - t0.tv_sec) * 1000000 + (t1.tv_usec - t0.tv_usec), 10000000);
+    // Ten seconds of virtual waiting took far less than ten real seconds.
+    EXPECT_LT((r1.tv_sec - r0.tv_sec) * 1000000 + (r1.tv_nsec - r0.tv_nsec) / 1000, 10000000);
+    EXPECT_GE(kssim_world_now_us(w), static_cast<uint64_t>(v1));
+
+    // Changing the warp does not make the clock jump back.
+    ASSERT_EQ(0, kssim_world_set_warp(w, 1.0));
+    EXPECT_GE(simtest::virtual_now_us(), v1);
+    kssim_world_destroy(w);
+}
