@@ -553,6 +553,7 @@ int Camera::qbuf(OpenFile &f, void *arg) {
 int Camera::dqbuf(OpenFile &f, void *arg) {
     auto *b = static_cast<struct v4l2_buffer *>(arg);
     std::unique_lock<std::mutex> lk(mu_);
+    if (f.instance != instance_ || !plugged()) return -ENODEV;
     if (owner_ != nullptr && owner_ != &f) return -EBUSY;
     if (bufs_ == nullptr) return -EINVAL;
     if (int e = check_buffer_arg(b, buf_type_, false, bufs_->count)) return e;
