@@ -27,6 +27,8 @@ int fake_gettimeofday(struct timeval* tv, void*) {
 }  // namespace
 
 TEST(PlatformSeam, InstallRoutesCallsAndResetRestoresTheCLibrary) {
+    g_usleep_calls = 0;
+    g_opened = 0;
     ks_platform_ops table = *ks_platform_default_ops();
     table.usleep = fake_usleep;
     table.open = fake_open;

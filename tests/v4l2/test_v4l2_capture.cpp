@@ -1,0 +1,222 @@
+// The capture thread and the frame hand-off, streaming from the virtual
+// camera with the time warp.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "ks_v4l2_driver/source/ks_v4l2_driver.h"
+#include "tests/sim/sim_fixture.h"
+#include "v4l2_test_util.h"
+
+namespace {
+
+constexpr int kWidth = 640;
+constexpr int kHeight = 480;
+constexpr double kFps = 30.0;
+constexpr double kWarp = 10.0;
+
+class V4l2Capture : public simtest::SimTest {
+  protected:
+    void SetUp() override {
+        SimTest::SetUp();
+        ASSERT_EQ(0, kssim_world_set_warp(world_, kWarp));
+        camera_ = add_camera([](kssim_camera_config& c) {
+            c.initial_size = {kWidth, kHeight};
+            c.fps = kFps;
+            c.first_frame_id = (1ull << 36) - 100;  // wraps during the test
+        });
+        ASSERT_NE(nullptr, camera_);
+        cam_ = initY4l2DriverHandle(kssim_camera_node_path(camera_, KSSIM_NODE_CAPTURE));
+        ASSERT_NE(nullptr, cam_);
+        setV4l2StreamResolution(cam_, kWidth, kHeight);
+        setV4l2StreamFPS(cam_, static_cast<float>(kFps));
+        setVideoSyncIdAddress(cam_, &sync_id_);
+    }
+    void TearDown() override {
+        if (cam_ != nullptr) {
+            releaseV4l2Stream(cam_);
+            DestoryY4l2DriverHandle(cam_);
+        }
+        SimTest::TearDown();
+    }
+    void inject(kssim_fault_kind kind, uint32_t count, uint32_t duration_ms, int32_t value = 0) {
+        kssim_fault_spec fault{kind, count, duration_ms, value};
+        ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &fault));
+    }
+
+    kssim_camera* camera_ = nullptr;
+    KsY4L2Cam* cam_ = nullptr;
+    unsigned long sync_id_ = 0;
+};
+
+// The id a source frame carries in its metadata line.
+uint64_t id_of(const unsigned char* frame) {
+    return ks_frame_id_of(frame);
+}
+
+}  // namespace
+
+TEST_F(V4l2Capture, StreamsFramesWhoseDisparityGivesTheScenesDistances) {
+    ASSERT_EQ(0, initV4l2Stream(cam_));
+    EXPECT_EQ(KS_STREAM_STREAMING, cam_->nStatus.load());
+
+    std::vector<uint8_t> image(kWidth * kHeight * 3 / 2);
+    std::vector<uint16_t> disparity(kWidth * kHeight);
+    std::vector<uint16_t> meta(kWidth);
+    unsigned int last_id = 0;
+    uint64_t previous = 0;
+    int frames = 0;
+    for (int i = 0; i < 200; ++i) {
+        unsigned char* frame = nullptr;
+        int result = (i % 2 == 0) ? ksY4L2GetNextSourceData(&frame, &last_id, cam_)
+                                  : ksY4L2GetNextSafeSourceData(&frame, &last_id, cam_);
+        ASSERT_EQ(0, result) << "frame " << i;
+        ASSERT_NE(nullptr, frame);
+        if (i % 2 == 1) {
+            EXPECT_EQ(cam_->safe_frame, frame);
+        }
+        uint64_t id = id_of(frame);
+        EXPECT_EQ(static_cast<uint32_t>(id), last_id);
+        if (i > 0) {
+            EXPECT_NE(previous, id);  // a new frame every time (ids wrap at 36 bits)
+            if (id > previous) {
+                EXPECT_LT(id - previous, 4u);  // the consumer keeps up
+            }
+        }
+        previous = id;
+        ++frames;
+        if (i % 50 != 0) continue;
+
+        _cam_frame_rgbd_data out{image.data(), disparity.data(), 0, 0, 0};
+        ASSERT_EQ(0, parseRgbDFrame(frame, cam_, &out, meta.data()));
+        EXPECT_NEAR(35000.0, out.bf, 0.01);
+        EXPECT_NEAR(50.0, out.base, 0.01);
+        int checked = 0;
+        for (int line = 1; line < kHeight - 3; line += 7) {
+            for (int x = 0; x < kWidth; x += 5) {
+                uint16_t d = disparity[line * kWidth + x];
+                double truth = 0;
+                // Output line L holds source line L + 3.
+                ASSERT_EQ(0, kssim_camera_true_distance(camera_, x, line + 3, &truth));
+                if (d == 0 || truth <= 0) continue;
+                EXPECT_NEAR(32.0 * out.bf / truth, d, 1.0) << "pixel " << x << "," << line;
+                ++checked;
+            }
+        }
+        EXPECT_GT(checked, 5000);
+    }
+    EXPECT_EQ(200, frames);
+    EXPECT_NE(0u, __atomic_load_n(&sync_id_, __ATOMIC_ACQUIRE));
+
+    // The measured rate is trusted from frame 51 on, on the virtual clock.
+    double fps = 0;
+    ASSERT_EQ(0, ksV4l2GetRealTimeFPS(cam_, &fps));
+    EXPECT_NEAR(kFps, fps, 2.0);
+}
+
+TEST_F(V4l2Capture, FramesWithoutTheMarkerAreDroppedAndFrozenIdsTimeOut) {
+    v4l2test::LogCapture log(LOG_WARN);
+    ASSERT_EQ(0, initV4l2Stream(cam_));
+    unsigned int last_id = 0;
+    unsigned char* frame = nullptr;
+    ASSERT_EQ(0, ksY4L2GetNextSourceData(&frame, &last_id, cam_));
+
+    inject(KSSIM_FAULT_BAD_MARKER, 5, 0, 0x11);
+    for (int i = 0; i < 12; ++i) {
+        ASSERT_EQ(0, ksY4L2GetNextSourceData(&frame, &last_id, cam_));
+        EXPECT_EQ(0xCE, frame[0]);
+    }
+    EXPECT_GE(log.count("Rcved buf data 11 "), 4);
+
+    // A camera that stops counting looks like one that sends nothing new.
+    inject(KSSIM_FAULT_FROZEN_FRAME_ID, 0, 0);
+    ksY4L2GetNextSourceData(&frame, &last_id, cam_);  // may still be a counting frame
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(KS_FRAME_TIMEOUT, ksY4L2GetNextSourceData(&frame, &last_id, cam_));
+    EXPECT_EQ("Wait Image TimeOut[0 s]\n", testing::internal::GetCapturedStdout());
+    kssim_camera_clear_fault(camera_, KSSIM_FAULT_FROZEN_FRAME_ID);
+    EXPECT_EQ(0, ksY4L2GetNextSourceData(&frame, &last_id, cam_));
+}
+
+namespace {
+
+// Opening takes a while during a reopen, like a real device coming back.
+const ks_platform_ops* g_sim_ops = nullptr;
+int slow_open(const char* path, int flags, mode_t mode) {
+    g_sim_ops->usleep(200000);
+    return g_sim_ops->open(path, flags, mode);
+}
+
+}  // namespace
+
+TEST_F(V4l2Capture, AStallReopensTheDeviceAndWaitingConsumersSeeTheReconnect) {
+    g_sim_ops = ks_platform_ops_current();
+    ks_platform_ops slow = *g_sim_ops;
+    slow.open = slow_open;
+    ASSERT_EQ(0, ks_platform_install(&slow));
+
+    ASSERT_EQ(0, initV4l2Stream(cam_));
+    unsigned int last_id = 0;
+    unsigned char* frame = nullptr;
+    ASSERT_EQ(0, ksY4L2GetNextSourceData(&frame, &last_id, cam_));
+
+    testing::internal::CaptureStderr();
+    inject(KSSIM_FAULT_STALL, 0, 1000);  // one virtual second without frames
+    int result = 0;
+    for (int i = 0; i < 50 && result != KS_FRAME_RECONNECTING; ++i)
+        result = ksY4L2GetNextSourceData(&frame, &last_id, cam_);
+    EXPECT_EQ(KS_FRAME_RECONNECTING, result);
+    // Frames flow again once the camera does.
+    for (int i = 0; i < 50 && result != 0; ++i)
+        result = ksY4L2GetNextSourceData(&frame, &last_id, cam_);
+    EXPECT_EQ(0, result);
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("select timeout\n"));
+    EXPECT_EQ(KS_STREAM_STREAMING, cam_->nStatus.load());
+
+    releaseV4l2Stream(cam_);
+    ASSERT_EQ(0, ks_platform_install(g_sim_ops));
+}
+
+TEST_F(V4l2Capture, AnUnpluggedCameraEndsTheThreadAndReleaseOnlyFreesTheRing) {
+    ASSERT_EQ(0, initV4l2Stream(cam_));
+    unsigned int last_id = 0;
+    unsigned char* frame = nullptr;
+    ASSERT_EQ(0, ksY4L2GetNextSourceData(&frame, &last_id, cam_));
+
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(0, kssim_camera_unplug(camera_));
+    // The thread notices at its next dequeue; consumers then time out.
+    int result = 0;
+    for (int i = 0; i < 10 && cam_->nStatus.load() != KS_STREAM_LOST; ++i)
+        result = ksY4L2GetNextSourceData(&frame, &last_id, cam_);
+    EXPECT_EQ(KS_STREAM_LOST, cam_->nStatus.load());
+    EXPECT_EQ(KS_FRAME_TIMEOUT, ksY4L2GetNextSourceData(&frame, &last_id, cam_));
+    EXPECT_EQ(0, releaseV4l2Stream(cam_));
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("Device Connection Error!"));
+    EXPECT_NE(std::string::npos, out.find("Unexpect connection interrupt detected...\n"));
+    EXPECT_EQ(nullptr, cam_->frame_ring);
+    EXPECT_EQ(KS_STREAM_LOST, cam_->nStatus.load());
+    (void)result;
+}
+
+TEST_F(V4l2Capture, AStreamRestartsOnTheSameHandleAfterARelease) {
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(0, initV4l2Stream(cam_)) << round;
+        unsigned int last_id = 0;
+        unsigned char* frame = nullptr;
+        for (int i = 0; i < 10; ++i) ASSERT_EQ(0, ksY4L2GetNextSourceData(&frame, &last_id, cam_));
+        double fps = 1;
+        EXPECT_EQ(-1, ksV4l2GetRealTimeFPS(cam_, &fps));  // not yet 51 frames
+        EXPECT_EQ(0.0, fps);
+        ASSERT_EQ(0, releaseV4l2Stream(cam_));
+        EXPECT_EQ(KS_STREAM_CLOSED, cam_->nStatus.load());
+        EXPECT_EQ(-1, cam_->fd.load());
+        ASSERT_EQ(0, open_device(cam_));
+    }
+    kssim_camera_stats stats{};
+    kssim_camera_get_stats(camera_, &stats);
+    EXPECT_EQ(0u, stats.streaming);
+}

@@ -1,0 +1,235 @@
+// Frame parsers: the documented cases on hand-built frames, and the fast
+// parsers against the one-pixel-at-a-time reference on random frames.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "ks_v4l2_driver/source/ks_v4l2_driver.h"
+#include "v4l2_test_util.h"
+
+namespace {
+
+// A source frame built pixel by pixel from (Y, N, V).
+struct SourceFrame {
+    SourceFrame(int w, int h) : width(w), height(h), bytes(static_cast<size_t>(w) * h * 3, 0) {}
+    void set(int x, int line, uint8_t y, uint8_t n, uint16_t v) {
+        uint8_t* p = &bytes[3 * (static_cast<size_t>(line) * width + x)];
+        p[0] = v & 0xFF;
+        p[1] = static_cast<uint8_t>((n << 4) | ((v >> 8) & 0x0F));
+        p[2] = y;
+    }
+    void set_v(int x, int line, uint16_t v) { set(x, line, 0, 0, v); }
+    int width, height;
+    std::vector<uint8_t> bytes;
+};
+
+KsY4L2Cam* handle_for(int w, int h) {
+    auto* cam = new KsY4L2Cam{};
+    cam->width = static_cast<int16_t>(w);
+    cam->height = static_cast<int16_t>(h);
+    cam->pix_size = 3;
+    cam->frm_size = static_cast<uint32_t>(w * h * 3);
+    return cam;
+}
+
+// Output buffers of every parser, with guard bytes to catch overruns.
+struct Outputs {
+    Outputs(int w, int h)
+        : n(static_cast<size_t>(w) * h),
+          image(n * 3 / 2 + 64, 0xAA),
+          disparity(n + 16, 0xBBBB),
+          meta(w + 16, 0xCCCC),
+          plane8(n + 16, 0xDD),
+          plane16a(n + 16, 0xEEEE),
+          plane16b(n + 16, 0xFFFF) {}
+    size_t n;
+    std::vector<uint8_t> image;
+    std::vector<uint16_t> disparity;
+    std::vector<uint16_t> meta;
+    std::vector<uint8_t> plane8;
+    std::vector<uint16_t> plane16a;
+    std::vector<uint16_t> plane16b;
+};
+
+}  // namespace
+
+TEST(Parsers, RgbdFrameCarriesMetadataImageAndShiftedDisparity) {
+    SourceFrame f(32, 8);
+    f.set_v(0, 0, 0xACE);
+    f.set_v(1, 0, 0xBED);
+    f.set_v(16, 0, 0x010);  // base = (16 x 16 + 8) / 128
+    f.set_v(17, 0, 0x800);
+    // bf = 0x0123_4567 / 4096 spread over M18..M21
+    f.set_v(18, 0, 0x000);
+    f.set_v(19, 0, 0x123);
+    f.set_v(20, 0, 0x456);
+    f.set_v(21, 0, 0x700);
+    for (int line = 1; line < 8; ++line)
+        for (int x = 0; x < 32; ++x) f.set(x, line, static_cast<uint8_t>(line * 10 + x), 0, 0);
+    f.set_v(5, 4, 100);  // source line 4 lands in output line 1
+    f.set(0, 2, 7, 0xA, 0);
+    f.set(1, 2, 8, 0x5, 0);  // chroma sample 0xA5 into U of line 2
+
+    KsY4L2Cam* cam = handle_for(32, 8);
+    Outputs o(32, 8);
+    _cam_frame_rgbd_data out{o.image.data(), o.disparity.data(), 0, 0, 0};
+    ASSERT_EQ(0, parseRgbDFrame(f.bytes.data(), cam, &out, o.meta.data()));
+
+    EXPECT_EQ(2766, o.meta[0]);
+    EXPECT_EQ(3053, o.meta[1]);
+    EXPECT_FLOAT_EQ(2.0625f, out.base);
+    EXPECT_FLOAT_EQ(static_cast<float>(0x01234567 / 4096.0), out.bf);
+    EXPECT_EQ(0xCCCC, o.meta[32]);  // nothing past the line
+
+    for (int x = 0; x < 32; ++x) EXPECT_EQ(0, o.disparity[x]);  // output line 0: zeros
+    EXPECT_EQ(100, o.disparity[32 + 5]);
+    EXPECT_EQ(0xBBBB, o.disparity[32 * 5]);  // the last three lines are left alone
+
+    EXPECT_EQ(37, o.image[3 * 32 + 7]);     // luma of line 3
+    EXPECT_EQ(0xA5, o.image[32 * 8 + 16]);  // U: line 0 gave 16 samples, line 2 starts here
+    delete cam;
+}
+
+TEST(Parsers, RgbdOffsetsAndTheirClamp) {
+    SourceFrame f(4, 5);
+    f.set_v(0, 4, 3);
+    f.set_v(1, 4, 4095);
+    f.set_v(2, 4, 0);
+    f.set_v(3, 4, 100);
+    KsY4L2Cam* cam = handle_for(4, 5);
+    Outputs o(4, 5);
+    _cam_frame_rgbd_data out{o.image.data(), o.disparity.data(), 0, 0, 0};
+
+    {
+        // A negative disparity offset drives 3 below zero: clamped, silently.
+        v4l2test::LogCapture log(LOG_WARN);
+        ksV4l2SetDisparityOffset(cam, -5);
+        parseRgbDFrame(f.bytes.data(), cam, &out, o.meta.data());
+        EXPECT_EQ(0, o.disparity[4]);
+        EXPECT_EQ(4090, o.disparity[5]);
+        EXPECT_EQ(0, o.disparity[6]);  // zero stays zero whatever the offsets
+        EXPECT_EQ(95, o.disparity[7]);
+        EXPECT_EQ(0, log.count("Unexpect Negative Disp Value"));
+    }
+    {
+        // 30000 + 8160 alone passes 32767: every non-zero disparity reads as
+        // negative in 16 bits, is clamped and warned about, pixel by pixel.
+        v4l2test::LogCapture log(LOG_WARN);
+        ksV4l2SetDisparityOffset(cam, 30000);
+        ksV4l2SetSearchRangeOffset(cam, 255);
+        parseRgbDFrame(f.bytes.data(), cam, &out, o.meta.data());
+        for (int x = 0; x < 4; ++x) EXPECT_EQ(0, o.disparity[4 + x]);
+        EXPECT_EQ(3, log.count("WARN  ks_v4l2_driver:"));
+        EXPECT_EQ(3, log.count("Unexpect Negative Disp Value. set to 0\n"));
+    }
+    ksV4l2SetDisparityOffset(cam, 0);
+    ksV4l2SetSearchRangeOffset(cam, 2);
+    EXPECT_EQ(64, cam->range_offset.load());
+    EXPECT_EQ(2, ksV4l2GetRangeOffset(cam));
+    parseRgbDFrame(f.bytes.data(), cam, &out, o.meta.data());
+    EXPECT_EQ(164, o.disparity[7]);
+    delete cam;
+}
+
+TEST(Parsers, RectifiedAndRawSplitTheTwoImages) {
+    SourceFrame f(4, 2);
+    f.set_v(0, 0, 0xACE);
+    // b0 = 0xF0, b1 = 0x3A: V = 0xAF0, the 8-bit value 0xAF; image A = Y:N.
+    f.bytes[3 * 4 + 0] = 0xF0;
+    f.bytes[3 * 4 + 1] = 0x3A;
+    f.bytes[3 * 4 + 2] = 0x12;
+    KsY4L2Cam* cam = handle_for(4, 2);
+    Outputs o(4, 2);
+
+    _cam_frame_raw_data rect{o.plane8.data(), o.image.data()};
+    testing::internal::CaptureStdout();
+    parseRectifiedFrame(f.bytes.data(), cam, &rect, o.meta.data());
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(0, o.plane8[0]);
+    EXPECT_EQ(0xAF, o.plane8[4]);
+    EXPECT_EQ(0x12, o.image[4]);
+
+    _cam_frame_raw_data raw{o.plane16a.data(), o.plane16b.data()};
+    parseRawFrame(f.bytes.data(), cam, &raw, o.meta.data());
+    EXPECT_EQ(0x1230, o.plane16a[4]);  // (0x12 x 16 + 3) x 16
+    EXPECT_EQ(0xAF00, o.plane16b[4]);  // V x 16
+    EXPECT_EQ(0, o.plane16b[0]);
+
+    f.set_v(0, 0, 0x123);
+    testing::internal::CaptureStdout();
+    parseRawFrame(f.bytes.data(), cam, &raw, o.meta.data());
+    EXPECT_EQ("Warning: Invalid meta data\n", testing::internal::GetCapturedStdout());
+    delete cam;
+}
+
+TEST(Parsers, FastParsersMatchTheReferenceOnRandomFrames) {
+    std::mt19937 rng(20261122);
+    const int sizes[][2] = {{1280, 720}, {33, 9}, {2, 1}, {7, 5}, {26, 4}, {640, 481}, {3, 3}};
+    for (int round = 0; round < 40; ++round) {
+        const int w = sizes[round % 7][0];
+        const int h = sizes[round % 7][1];
+        SourceFrame f(w, h);
+        for (auto& b : f.bytes) b = static_cast<uint8_t>(rng());
+        if (round % 3 == 0) f.set_v(0, 0, 0xACE);
+        KsY4L2Cam* cam = handle_for(w, h);
+        ksV4l2SetDisparityOffset(
+            cam, static_cast<short>(std::uniform_int_distribution<int>(-32768, 32767)(rng)));
+        ksV4l2SetSearchRangeOffset(cam, static_cast<unsigned char>(rng()));
+
+        Outputs ref(w, h);
+        Outputs fast(w, h);
+        std::string ref_log;
+        std::string fast_log;
+        _cam_frame_rgbd_data a{ref.image.data(), ref.disparity.data(), 0, 0, 0};
+        _cam_frame_rgbd_data b{fast.image.data(), fast.disparity.data(), 0, 0, 0};
+        {
+            v4l2test::LogCapture log(LOG_WARN);
+            ks_reference::parseRgbDFrame(f.bytes.data(), cam, &a, ref.meta.data());
+            ref_log = log.text();
+        }
+        {
+            v4l2test::LogCapture log(LOG_WARN);
+            parseRgbDFrame(f.bytes.data(), cam, &b, fast.meta.data());
+            fast_log = log.text();
+        }
+        EXPECT_EQ(a.bf, b.bf);
+        EXPECT_EQ(a.base, b.base);
+        ASSERT_EQ(ref.image, fast.image) << w << "x" << h;
+        ASSERT_EQ(ref.disparity, fast.disparity) << w << "x" << h;
+        ASSERT_EQ(ref.meta, fast.meta) << w << "x" << h;
+        ASSERT_EQ(ref_log, fast_log) << w << "x" << h;
+
+        testing::internal::CaptureStdout();
+        _cam_frame_raw_data ra{ref.plane8.data(), ref.image.data()};
+        ks_reference::parseRectifiedFrame(f.bytes.data(), cam, &ra, ref.meta.data());
+        _cam_frame_raw_data rb{ref.plane16a.data(), ref.plane16b.data()};
+        ks_reference::parseRawFrame(f.bytes.data(), cam, &rb, ref.meta.data());
+        std::string ref_out = testing::internal::GetCapturedStdout();
+        testing::internal::CaptureStdout();
+        _cam_frame_raw_data fa{fast.plane8.data(), fast.image.data()};
+        parseRectifiedFrame(f.bytes.data(), cam, &fa, fast.meta.data());
+        _cam_frame_raw_data fb{fast.plane16a.data(), fast.plane16b.data()};
+        parseRawFrame(f.bytes.data(), cam, &fb, fast.meta.data());
+        ASSERT_EQ(ref_out, testing::internal::GetCapturedStdout());
+        ASSERT_EQ(ref.plane8, fast.plane8) << w << "x" << h;
+        ASSERT_EQ(ref.image, fast.image) << w << "x" << h;
+        ASSERT_EQ(ref.plane16a, fast.plane16a) << w << "x" << h;
+        ASSERT_EQ(ref.plane16b, fast.plane16b) << w << "x" << h;
+        ASSERT_EQ(ref.meta, fast.meta) << w << "x" << h;
+        delete cam;
+    }
+}
+
+TEST(Parsers, NarrowFramesDecodeNoConstantsFromBeyondTheLine) {
+    SourceFrame f(8, 2);
+    for (auto& b : f.bytes) b = 0xFF;
+    KsY4L2Cam* cam = handle_for(8, 2);
+    Outputs o(8, 2);
+    _cam_frame_rgbd_data out{o.image.data(), o.disparity.data(), 0, 1, 1};
+    parseRgbDFrame(f.bytes.data(), cam, &out, o.meta.data());
+    EXPECT_EQ(0.0f, out.bf);
+    EXPECT_EQ(0.0f, out.base);
+    delete cam;
+}
