@@ -206,7 +206,8 @@ int kssim_camera_fault_active(kssim_camera *c, kssim_fault_kind kind);
 /* ---- frames without streaming ---------------------------------------------- */
 
 /* Writes the camera's next source frame (current size and channel) into dst,
- * as the producer would, advancing the frame id. Returns the frame size in
+ * as the producer would, advancing the frame id; the bad-marker and
+ * frozen-id faults apply (a stall does not). Returns the frame size in
  * bytes, or -1 when dst is null or smaller. Meant for tests and benchmarks. */
 long kssim_camera_produce_frame(kssim_camera *c, uint8_t *dst, size_t size);
 

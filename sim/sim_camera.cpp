@@ -677,17 +677,36 @@ void Camera::producer_main() {
     }
 }
 
+// The id of the next frame and the per-frame faults (caller holds mu_).
+Camera::FrameStamp Camera::next_stamp() {
+    FrameStamp st;
+    st.id = frame_id_;
+    if (!take_fault(KSSIM_FAULT_FROZEN_FRAME_ID, nullptr)) frame_id_ = (frame_id_ + 1) & kFrameIdMask;
+    int32_t marker = 0;
+    st.bad_marker = take_fault(KSSIM_FAULT_BAD_MARKER, &marker);
+    st.marker = static_cast<uint8_t>(marker);
+    return st;
+}
+
+size_t Camera::write_frame(uint8_t *dst, size_t size, const SourceFrame &src, const FrameStamp &st,
+                           uint64_t ts_us) const {
+    const size_t n = std::min(size, src.bytes.size());
+    std::memcpy(dst, src.bytes.data(), n);
+    if (kind_ == Kind::Stereo) {
+        stamp_frame(dst, n, st.id, ts_us);
+        if (st.bad_marker && n > 0) dst[0] = st.marker;
+    }
+    return n;
+}
+
 void Camera::emit_frame(std::unique_lock<std::mutex> &lk, int64_t due_ns) {
     if (take_fault(KSSIM_FAULT_STALL, nullptr)) return;
     std::shared_ptr<const SourceFrame> src = frame_source(lk);
     if (stop_) return;
-    ++stats_.frames_produced;
     const uint32_t seq = sequence_++;
-    const uint64_t id = frame_id_;
-    if (!take_fault(KSSIM_FAULT_FROZEN_FRAME_ID, nullptr)) frame_id_ = (frame_id_ + 1) & kFrameIdMask;
-    int32_t marker = 0;
-    const bool bad_marker = take_fault(KSSIM_FAULT_BAD_MARKER, &marker);
+    const FrameStamp st = next_stamp();
     if (queued_.empty()) {
+        ++stats_.frames_produced;
         ++stats_.frames_dropped;
         return;
     }
@@ -697,15 +716,13 @@ void Camera::emit_frame(std::unique_lock<std::mutex> &lk, int64_t due_ns) {
     std::shared_ptr<BufferSet> set = bufs_;
     const uint64_t ts_us = static_cast<uint64_t>(std::max<int64_t>(due_ns - plug_ns_, 0)) / 1000;
     lk.unlock();
-    uint8_t *dst = set->base + index * set->stride;
-    const size_t n = std::min(set->buf_size, src->bytes.size());
-    std::memcpy(dst, src->bytes.data(), n);
-    if (kind_ == Kind::Stereo) {
-        stamp_frame(dst, n, id, ts_us);
-        if (bad_marker && n > 0) dst[0] = static_cast<uint8_t>(marker);
-    }
+    const size_t n = write_frame(set->base + index * set->stride, set->buf_size, *src, st, ts_us);
     lk.lock();
-    if (set != bufs_ || bstate_[index].state != BufState::Filling) return;
+    ++stats_.frames_produced;
+    if (set != bufs_ || bstate_[index].state != BufState::Filling) {
+        ++stats_.frames_dropped;  // the queue went away meanwhile
+        return;
+    }
     BufState &b = bstate_[index];
     b.state = BufState::Done;
     b.bytesused = static_cast<uint32_t>(n);
@@ -723,15 +740,11 @@ long Camera::produce_frame(uint8_t *dst, size_t size) {
     const size_t need = sizeimage();
     if (dst == nullptr || size < need) return -1;
     std::shared_ptr<const SourceFrame> src = frame_source(lk);
-    const uint64_t id = frame_id_;
-    frame_id_ = (frame_id_ + 1) & kFrameIdMask;
+    const FrameStamp st = next_stamp();
     const uint64_t ts_us =
         static_cast<uint64_t>(std::max<int64_t>(world_.clock().mono_ns() - plug_ns_, 0)) / 1000;
     lk.unlock();
-    const size_t n = std::min(need, src->bytes.size());
-    std::memcpy(dst, src->bytes.data(), n);
-    if (kind_ == Kind::Stereo) stamp_frame(dst, n, id, ts_us);
-    return static_cast<long>(n);
+    return static_cast<long>(write_frame(dst, need, *src, st, ts_us));
 }
 
 void Camera::wake() {
@@ -775,6 +788,7 @@ int Camera::set_scene(const kssim_scene &scene) {
     std::lock_guard<std::mutex> lk(mu_);
     cfg_.scene = Scene::normalized(scene);
     frame_.reset();
+    scene_.reset();
     return 0;
 }
 
@@ -784,20 +798,20 @@ void Camera::set_extension_unit(std::unique_ptr<ExtensionUnit> unit) {
 }
 
 int Camera::true_distance(uint32_t x, uint32_t y, double *mm) {
-    kssim_scene scene;
+    std::shared_ptr<const Scene> scene;
     int w, h;
     double bxf, baseline;
     {
         std::lock_guard<std::mutex> lk(mu_);
-        scene = cfg_.scene;
+        if (scene_ == nullptr) scene_ = std::make_shared<const Scene>(cfg_.scene);
+        scene = scene_;
         w = width_;
         h = height_;
         bxf = cfg_.bxf;
         baseline = cfg_.baseline;
     }
     if (mm == nullptr || x >= static_cast<uint32_t>(w) || y >= static_cast<uint32_t>(h)) return -1;
-    const Scene s(scene);
-    *mm = true_depth(s, w, h, bxf, baseline, x, y);
+    *mm = true_depth(*scene, w, h, bxf, baseline, x, y);
     return 0;
 }
 
@@ -817,8 +831,13 @@ bool Camera::take_fault(kssim_fault_kind kind, int32_t *value) {
     return true;
 }
 
-int Camera::inject_fault(const kssim_fault_spec &spec) {
-    if (spec.kind < 0 || spec.kind >= KSSIM_FAULT_KIND_COUNT) return -1;
+int Camera::inject_fault(const kssim_fault_spec &in) {
+    // The kind comes from a C caller: read it as a number before trusting it.
+    int kind = 0;
+    static_assert(sizeof(kind) == sizeof(in.kind), "enum size");
+    std::memcpy(&kind, &in.kind, sizeof(kind));
+    if (kind < 0 || kind >= KSSIM_FAULT_KIND_COUNT) return -1;
+    const kssim_fault_spec &spec = in;
     if (spec.kind == KSSIM_FAULT_FEWER_BUFFERS && (spec.value < 0 || spec.value > 32)) return -1;
     if (spec.kind == KSSIM_FAULT_BAD_MARKER && (spec.value < 0 || spec.value > 255)) return -1;
     if ((spec.kind == KSSIM_FAULT_S_FMT_FAIL || spec.kind == KSSIM_FAULT_G_FMT_FAIL ||
@@ -847,7 +866,7 @@ int Camera::inject_fault(const kssim_fault_spec &spec) {
 }
 
 int Camera::clear_fault(kssim_fault_kind kind) {
-    if (kind < 0 || kind >= KSSIM_FAULT_KIND_COUNT) return -1;
+    if (static_cast<int>(kind) < 0 || static_cast<int>(kind) >= KSSIM_FAULT_KIND_COUNT) return -1;
     if (kind == KSSIM_FAULT_UNPLUG) return plugged() ? 0 : replug();
     std::lock_guard<std::mutex> ctl(ctl_mu_);
     std::lock_guard<std::mutex> lk(mu_);
@@ -856,7 +875,7 @@ int Camera::clear_fault(kssim_fault_kind kind) {
 }
 
 bool Camera::fault_active(kssim_fault_kind kind) {
-    if (kind < 0 || kind >= KSSIM_FAULT_KIND_COUNT) return false;
+    if (static_cast<int>(kind) < 0 || static_cast<int>(kind) >= KSSIM_FAULT_KIND_COUNT) return false;
     if (kind == KSSIM_FAULT_UNPLUG) return !plugged();
     std::lock_guard<std::mutex> lk(mu_);
     return fault_on(kind);

@@ -172,6 +172,14 @@ private:
     void refresh_ready();  // caller holds mu_
     void poll_state_locked(const OpenFile &f, bool *readable, bool *error) const;
     void producer_main();
+    struct FrameStamp {
+        uint64_t id = 0;
+        bool bad_marker = false;
+        uint8_t marker = 0;
+    };
+    FrameStamp next_stamp();
+    size_t write_frame(uint8_t *dst, size_t size, const SourceFrame &src, const FrameStamp &st,
+                       uint64_t ts_us) const;
     void emit_frame(std::unique_lock<std::mutex> &lk, int64_t due_ns);
     std::shared_ptr<const SourceFrame> frame_source(std::unique_lock<std::mutex> &lk);
     bool take_fault(kssim_fault_kind kind, int32_t *value);  // caller holds mu_
@@ -199,6 +207,7 @@ private:
     uint16_t width_ = 0, height_ = 0;
     uint8_t channel_ = KSSIM_CHANNEL_RGBD;
     std::shared_ptr<const SourceFrame> frame_;  // cached source for size/channel/scene
+    std::shared_ptr<const Scene> scene_;        // geometry for the ground truth
     int64_t plug_ns_ = 0;                       // camera clock origin
     uint64_t frame_id_ = 0;
 
