@@ -352,7 +352,7 @@ TEST_F(SimCapture, FrameRateFollowsTheVirtualClockAndTheCameraSetting) {
     EXPECT_GE(elapsed, 900000);
     ASSERT_EQ(0, kssim_camera_set_frame_rate(cam_, 15.0));
     EXPECT_DOUBLE_EQ(15.0, kssim_camera_frame_rate(cam_));
-    measure(2);  // let the new period settle in
+    measure(9);  // frames already in the buffers came at the old rate
     EXPECT_NEAR(15.0, measure(10), 0.5);
     EXPECT_EQ(-1, kssim_camera_set_frame_rate(cam_, 0));
 }
