@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <atomic>
+#include <cmath>
 #include <set>
 #include <thread>
 
@@ -377,4 +378,43 @@ TEST_F(SimCapture, OutputChannelCanChangeWhileStreaming) {
     }
     EXPECT_EQ(KSSIM_CHANNEL_RECTIFIED_PAIR, seen);
     EXPECT_EQ(-1, kssim_camera_set_output_channel(cam_, 0x42));
+}
+
+TEST_F(SimCapture, StreamedFramesDecodeToTheSceneGroundTruth) {
+    kssim_camera *room = add_camera([](kssim_camera_config &c) {
+        c.scene.kind = KSSIM_SCENE_ROOM;
+        c.scene.distance_mm = 0;
+        c.first_frame_id = 500;
+        strcpy(c.serial, "ROOM00001");
+    });
+    ASSERT_NE(room, nullptr);
+    Capture c;
+    ASSERT_TRUE(c.open(kssim_camera_by_id_link(room, KSSIM_NODE_CAPTURE)));
+    ASSERT_EQ(0, c.set_format(640, 480));
+    ASSERT_EQ(8, c.map_buffers(8));
+    ASSERT_EQ(0, c.queue_all());
+    ASSERT_EQ(0, c.stream_on());
+    std::vector<uint8_t> frame;
+    v4l2_buffer b;
+    ASSERT_EQ(0, c.next_frame(frame, &b));
+    const frame_test::Frame f(frame.data(), 640, 480);
+    ASSERT_TRUE(f.markers_ok());
+    EXPECT_EQ(KSSIM_CHANNEL_RGBD, f.channel());
+    EXPECT_DOUBLE_EQ(35000.0, f.bf());
+    EXPECT_DOUBLE_EQ(50.0, f.base());
+    EXPECT_EQ(500u + b.sequence, f.frame_id());
+    long checked = 0;
+    for (int row = 1; row < f.disparity_rows(); row += 4) {
+        for (int x = 0; x < 640; x += 4) {
+            double truth = 0;
+            ASSERT_EQ(0, kssim_camera_true_distance(room, x, row, &truth));
+            const uint16_t v = f.disparity(x, row);
+            ASSERT_NE(0, v) << x << "," << row;
+            const double distance = 32.0 * f.bf() / v;
+            EXPECT_LE(std::fabs(32.0 * f.bf() / distance - 32.0 * f.bf() / truth), 1.0)
+                << x << "," << row << ": " << distance << " mm, truly " << truth << " mm";
+            ++checked;
+        }
+    }
+    EXPECT_GT(checked, 18000);
 }
