@@ -1,5 +1,9 @@
 #include "driver/driver_cpp/source/KSCamera.h"
 
+#include "driver/driver_cpp/source/KSDisparityCommon.h"
+
+// Processing defaults are the member initialisers; every table, point buffer
+// and work plane is owned and released with the camera.
 KSCamera::KSCamera() = default;
 KSCamera::~KSCamera() = default;
 

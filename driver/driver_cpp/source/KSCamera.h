@@ -3,7 +3,12 @@
 #ifndef KS_CAMERA_H
 #define KS_CAMERA_H
 
+#include <memory>
+
 #include "driver/driver_cpp/source/KSCameraAbstract.h"
+#include "driver/driver_cpp/source/KSWorkBuffer.h"
+
+struct KSDisparityWork;
 
 class KSCamera : public KSCameraAbstract {
   public:
@@ -78,10 +83,66 @@ class KSCamera : public KSCameraAbstract {
     int read_nuvex_register_value(uint16_t reg, uint16_t* value) override;
     int set_disparity_filter_max_and_min_distance(float max_distance, float min_distance) override;
 
+    // ---- host-side disparity processing (not part of the camera interface) ----
+
+    // Fetches the stereo geometry and the resolution when unknown and builds
+    // the depth and lateral tables. 0; -1 geometry not available; -2
+    // resolution not available; -3 / -4 a table could not be allocated.
+    int initialize_runtime_environment();
+
+    // Removes speckles, drops back-lit frames and fills holes of a disparity
+    // map in place, guided by the matching 8-bit grey image. 0 or a negative
+    // code (-1 geometry, -1..-12 work arrays, -13 line offset unreadable).
+    int dense_disparity(uint16_t width, uint16_t height, uint16_t* disparity, uint8_t* image);
+    // Removes speckles, drops back-lit frames, keeps one match per target
+    // column and clamps to the distance limits, in place. 0; -1 geometry or
+    // first work array; -2..-4 further work arrays; -13 line offset unreadable.
+    int filter_disparity(uint16_t width, uint16_t height, uint16_t* disparity, uint8_t* image);
+    // True when six or fewer of sixteen blocks carry more than half of the
+    // image's brightness; false for images under 40 x 40 or without pixels.
+    bool KsBackLightingAdjust(uint16_t width, uint16_t height, uint8_t* image);
+
   protected:
     _ks_video_mode_e m_video_mode = KS_VIDEO_MODE_RGBD;
+    // Image size of the stream; also the size the point cloud and the
+    // rectangle statistics work at.
     uint16_t m_image_width = 0;
     uint16_t m_image_height = 0;
+
+    // Stereo geometry: baseline x focal length in pixels, baseline, focal
+    // length in pixels. 0 or below: not known yet.
+    float m_bxf = 0.0f;
+    float m_baseline = 0.0f;
+    float m_focal = 0.0f;
+    // Entry d (disparity in 1/32 pixel) = 32 x bxf / d and 32 x baseline / d;
+    // entry 0 stands for infinitely far.
+    KSWorkBuffer<float> m_depth_table;
+    KSWorkBuffer<float> m_lateral_table;
+    // Packed point cloud handed out by convert_disparity_to_point_cloud.
+    KSWorkBuffer<float> m_point_x;
+    KSWorkBuffer<float> m_point_y;
+    KSWorkBuffer<float> m_point_z;
+
+    // Work planes of dense_disparity / filter_disparity (allocated on first use).
+    std::unique_ptr<KSDisparityWork> m_disparity_work;
+    // First disparity sample the down-sampling reads, in down-sampled samples.
+    uint32_t m_dense_start_offset = 0;
+    // 1 while the densified output is trusted; 0 after a back-lit frame.
+    uint8_t m_dense_valid_flag = 1;
+    // Disparity limits of the output, both exclusive.
+    uint16_t m_max_disparity_limit = 16383;
+    uint16_t m_min_disparity_limit = 0;
+    float m_filter_ratio = 0.05f;
+    // Share of pixels in small regions above which a back-lit frame is
+    // dropped; 0.38 right after a dropped frame, 0.4 otherwise.
+    float m_small_region_ratio_threshold = 0.4f;
+
+  private:
+    int fetch_geometry();
+    int resolve_start_offset(uint16_t grid_width);
+    bool drop_back_lit_frame(uint64_t small_pixels, uint32_t grid_pixels, uint16_t width,
+                             uint16_t height, uint8_t* image);
+    float distance_of(uint32_t disparity) const;
 };
 
 #endif

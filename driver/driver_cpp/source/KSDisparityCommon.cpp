@@ -1,0 +1,284 @@
+#include "driver/driver_cpp/source/KSDisparityCommon.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "driver/driver_cpp/source/KSCamera.h"
+
+namespace ks_disparity {
+
+uint8_t line_offset_flag = 1;
+float line_offset = 0.0f;
+
+Area inner_area(const Grid& g) {
+    const int f = g.factor;
+    Area a;
+    a.r0 = 1 / f + 1;
+    a.r1 = g.height - 7 / f - 1;
+    a.c0 = 27 / f + 1;
+    a.c1 = g.width - 29 / f - 1;
+    return a;
+}
+
+uint32_t line_offset_rows(float offset) {
+    // Only an upward offset shifts, by its magnitude rounded up.
+    if (!(offset < 0.0f) || std::fabs(offset) < 0.000001f) return 0;
+    const double a = -static_cast<double>(offset);
+    const double v = a + (std::ceil(a) - a) * 0.5;
+    const double k = std::floor(v + 0.5);
+    return k >= 65535.0 ? 65535u : static_cast<uint32_t>(k);
+}
+
+void downsample(const Grid& g, const uint16_t* disparity, uint16_t width, uint16_t height,
+                uint32_t start_offset, uint16_t* grid) {
+    std::memset(grid, 0, static_cast<size_t>(g.pixels) * sizeof(uint16_t));
+    const Area a = inner_area(g);
+    if (a.empty()) return;
+    const size_t f = g.factor;
+    const size_t total = static_cast<size_t>(width) * height;
+    const size_t shift = static_cast<size_t>(start_offset) * f + (kShiftColumns / f) * f;
+    for (int r = a.r0; r <= a.r1; ++r) {
+        uint16_t* out = grid + static_cast<size_t>(r) * g.width;
+        const size_t row_base = static_cast<size_t>(r) * f * width + shift;
+        // Last sample the row's blocks may read; past the map everything reads 0.
+        const size_t row_last = row_base + static_cast<size_t>(a.c1) * f + (f - 1) * (width + 1);
+        const bool inside = row_last < total;
+        if (f == 1) {
+            if (inside) {
+                std::memcpy(out + a.c0, disparity + row_base + a.c0,
+                            static_cast<size_t>(a.c1 - a.c0 + 1) * sizeof(uint16_t));
+            } else {
+                for (int c = a.c0; c <= a.c1; ++c) {
+                    const size_t i = row_base + static_cast<size_t>(c);
+                    out[c] = i < total ? disparity[i] : 0;
+                }
+            }
+            continue;
+        }
+        for (int c = a.c0; c <= a.c1; ++c) {
+            const size_t i = row_base + static_cast<size_t>(c) * 2;
+            uint16_t v = 0;
+            if (inside) {
+                // Left column top to bottom, then the right column.
+                const uint16_t* p = disparity + i;
+                v = p[0] ? p[0] : p[width] ? p[width] : p[1] ? p[1] : p[width + 1];
+            } else {
+                const size_t order[4] = {i, i + width, i + 1, i + width + 1};
+                for (size_t k = 0; k < 4 && v == 0; ++k)
+                    if (order[k] < total) v = disparity[order[k]];
+            }
+            out[c] = v;
+        }
+    }
+}
+
+void downsample_grey(const Grid& g, const uint8_t* image, uint16_t width, uint8_t* grey) {
+    const size_t f = g.factor;
+    for (size_t r = 0; r < g.height; ++r) {
+        const uint8_t* in = image + r * f * width;
+        uint8_t* out = grey + r * g.width;
+        if (f == 1) {
+            std::memcpy(out, in, g.width);
+        } else {
+            for (size_t c = 0; c < g.width; ++c) out[c] = in[c * 2];
+        }
+    }
+}
+
+namespace {
+
+inline bool connected(uint16_t a, uint16_t b) {
+    return std::abs(static_cast<int>(a & 0x1FFF) - static_cast<int>(b & 0x1FFF)) <=
+           kRegionDifference;
+}
+
+inline uint32_t find_root(uint32_t* parent, uint32_t x) {
+    while (parent[x] != x) {
+        parent[x] = parent[parent[x]];
+        x = parent[x];
+    }
+    return x;
+}
+
+}  // namespace
+
+uint64_t label_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
+    uint16_t* grid = w.grid.data();
+    uint32_t* label = w.label.data();
+    uint32_t* size = w.region_size.data();
+    uint32_t* parent = w.parent.data();
+    parent[0] = 0;
+    size[0] = 0;
+    if (a.empty()) return 0;
+
+    // Single pass: every root has a smaller label than its members, so the
+    // smaller root wins a merge.
+    const size_t W = g.width;
+    uint32_t next = 1;
+    for (int r = a.r0; r <= a.r1; ++r) {
+        const uint16_t* row = grid + static_cast<size_t>(r) * W;
+        uint32_t* lab = label + static_cast<size_t>(r) * W;
+        for (int c = a.c0; c <= a.c1; ++c) {
+            const uint16_t v = row[c];
+            if (v == 0) {
+                lab[c] = 0;
+                continue;
+            }
+            uint32_t up = 0;
+            uint32_t left = 0;
+            if (r > a.r0 && row[c - W] != 0 && connected(row[c - W], v)) up = lab[c - W];
+            if (c > a.c0 && row[c - 1] != 0 && connected(row[c - 1], v)) left = lab[c - 1];
+            uint32_t root;
+            if (up != 0) {
+                root = find_root(parent, up);
+                if (left != 0) {
+                    const uint32_t other = find_root(parent, left);
+                    if (other != root) {
+                        const uint32_t keep = std::min(root, other);
+                        parent[std::max(root, other)] = keep;
+                        root = keep;
+                    }
+                }
+            } else if (left != 0) {
+                root = find_root(parent, left);
+            } else {
+                root = next++;
+                parent[root] = root;
+                size[root] = 0;
+            }
+            lab[c] = root;
+            ++size[root];
+        }
+    }
+
+    // Children carry higher labels than their parents: walking down adds
+    // every count to its root before the root itself is looked at.
+    uint64_t small = 0;
+    for (uint32_t l = next - 1; l >= 1; --l) {
+        if (parent[l] != l) {
+            size[parent[l]] += size[l];
+        } else if (size[l] < kSmallRegionLimit) {
+            small += size[l];
+        }
+    }
+    for (uint32_t l = 1; l < next; ++l) parent[l] = parent[parent[l]];
+    return small;
+}
+
+void clear_small_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
+    if (a.empty()) return;
+    uint16_t* grid = w.grid.data();
+    for (int r = a.r0; r <= a.r1; ++r) {
+        const size_t row = static_cast<size_t>(r) * g.width;
+        for (int c = a.c0; c <= a.c1; ++c) {
+            const size_t i = row + static_cast<size_t>(c);
+            if (grid[i] != 0 && region_of(w, i) <= kClearedRegionMax) grid[i] = 0;
+        }
+    }
+}
+
+void clear_grid(const Grid& g, uint16_t* grid) {
+    std::memset(grid, 0, static_cast<size_t>(g.pixels) * sizeof(uint16_t));
+}
+
+void keep_unique_matches(const Grid& g, KSDisparityWork& w) {
+    uint16_t* grid = w.grid.data();
+    uint8_t* claimed = w.claimed.data();
+    const uint32_t W = g.width;
+    // The clash flag runs on from row to row on purpose.
+    bool clash = false;
+    for (int r = g.height - 1; r >= 0; --r) {
+        std::memset(claimed, 0, W);
+        const size_t row = static_cast<size_t>(r) * W;
+        for (int c = static_cast<int>(W) - 1; c >= 0; --c) {
+            const size_t i = row + static_cast<size_t>(c);
+            const uint16_t d = grid[i];
+            if (d == 0) continue;
+            const uint32_t t = (static_cast<uint32_t>(d) >> 5) + static_cast<uint32_t>(c);
+            if (region_of(w, i) <= kClearedRegionMax || t >= W) {
+                grid[i] = 0;
+            } else if (claimed[t]) {
+                grid[i] = 0;
+                clash = true;
+            } else if (!clash) {
+                claimed[t] = 1;
+            } else if (t >= 1 && claimed[t - 1]) {
+                grid[i] = 0;
+            } else {
+                clash = false;
+            }
+        }
+    }
+}
+
+void upsample(const Grid& g, const uint16_t* grid, uint16_t min_limit, uint16_t max_limit,
+              uint16_t width, uint16_t* disparity) {
+    const size_t f = g.factor;
+    for (size_t r = 0; r < g.height; ++r) {
+        const uint16_t* in = grid + r * g.width;
+        uint16_t* out = disparity + r * f * width;
+        if (f == 1) {
+            for (size_t c = 0; c < g.width; ++c) {
+                const uint16_t d = in[c];
+                out[c] = (min_limit < d && d < max_limit) ? d : 0;
+            }
+        } else {
+            uint16_t* out2 = out + width;
+            for (size_t c = 0; c < g.width; ++c) {
+                const uint16_t d = in[c];
+                const uint16_t v = (min_limit < d && d < max_limit) ? d : 0;
+                out[2 * c] = v;
+                out[2 * c + 1] = v;
+                out2[2 * c] = v;
+                out2[2 * c + 1] = v;
+            }
+        }
+    }
+}
+
+}  // namespace ks_disparity
+
+// ---- KSCamera steps shared by dense_disparity and filter_disparity ----
+
+int KSCamera::fetch_geometry() {
+    if (m_bxf > 0.0f && m_baseline > 0.0f) return 0;
+    float bxf = 0.0f;
+    float base = 0.0f;
+    if (get_bxf_and_base(&bxf, &base) != 0) return -1;
+    m_bxf = bxf;
+    m_baseline = base;
+    return 0;
+}
+
+int KSCamera::resolve_start_offset(uint16_t grid_width) {
+    uint32_t rows = 0;
+    if (ks_disparity::line_offset_flag != 0) {
+        // Only the first call of the process applies the line offset.
+        ks_disparity::line_offset_flag = 0;
+        float offset = 0.0f;
+        if (get_line_offset(&offset) != 0) return -13;
+        ks_disparity::line_offset = offset;
+        rows = ks_disparity::line_offset_rows(offset);
+    }
+    // The first three rows are always skipped.
+    m_dense_start_offset = (rows + 3) * static_cast<uint32_t>(grid_width);
+    return 0;
+}
+
+bool KSCamera::drop_back_lit_frame(uint64_t small_pixels, uint32_t grid_pixels, uint16_t width,
+                                   uint16_t height, uint8_t* image) {
+    const bool back_lit = KsBackLightingAdjust(width, height, image);
+    const float share =
+        grid_pixels == 0 ? 0.0f
+                         : static_cast<float>(small_pixels) / static_cast<float>(grid_pixels);
+    if (share > m_small_region_ratio_threshold && back_lit) {
+        if (m_small_region_ratio_threshold == ks_disparity::kBackLightThreshold)
+            m_small_region_ratio_threshold = ks_disparity::kBackLightThresholdAfterDrop;
+        return true;
+    }
+    if (m_small_region_ratio_threshold == ks_disparity::kBackLightThresholdAfterDrop)
+        m_small_region_ratio_threshold = ks_disparity::kBackLightThreshold;
+    return false;
+}

@@ -1,0 +1,88 @@
+// Disparity filtering: speckle regions, back-lit frames, one match per target
+// column, and the distance limits of the output.
+#include <cmath>
+#include <cstdio>
+
+#include "driver/driver_cpp/source/KSCamera.h"
+#include "driver/driver_cpp/source/KSDisparityCommon.h"
+
+namespace {
+
+constexpr uint16_t kNoDisparityLimit = 16383;
+
+// 32 x bxf / distance as a disparity limit; 0 stands for "no limit".
+uint16_t disparity_limit(float bxf, float distance, uint16_t unlimited) {
+    if (distance == 0.0f) return unlimited;
+    const double v = 32.0 * static_cast<double>(bxf) / static_cast<double>(distance);
+    if (v > kNoDisparityLimit) return kNoDisparityLimit;
+    return static_cast<uint16_t>(v);
+}
+
+}  // namespace
+
+int KSCamera::set_disparity_filter_max_and_min_distance(float max_distance, float min_distance) {
+    // NaN is refused like a negative distance.
+    if (!(max_distance >= 0.0f) || !(min_distance >= 0.0f) ||
+        (max_distance != 0.0f && min_distance > max_distance)) {
+        puts("Negative number in parameters, which does not conform to rules");
+        return -1;
+    }
+    if (fetch_geometry() != 0 || !(m_bxf > 0.0f) || !std::isfinite(m_bxf)) {
+        puts("Get bxf and baseline failed");
+        return -1;
+    }
+    m_max_disparity_limit = disparity_limit(m_bxf, min_distance, kNoDisparityLimit);
+    m_min_disparity_limit = disparity_limit(m_bxf, max_distance, 0);
+    return 0;
+}
+
+int KSCamera::filter_disparity(uint16_t width, uint16_t height, uint16_t* disparity,
+                               uint8_t* image) {
+    static uint8_t u8MultipleOfResolution = 1;
+    static uint16_t u16WidthOfDownSampling = 0;
+    static uint16_t u16HeightOfDownSampling = 0;
+    static uint32_t u32TotalPixelOfDownSampling = 0;
+
+    if (disparity == nullptr) return -1;
+    if (fetch_geometry() != 0) return -1;
+
+    // Above 640 columns the work runs at half resolution in both directions.
+    u8MultipleOfResolution = width > 640 ? 2 : 1;
+    u16WidthOfDownSampling = static_cast<uint16_t>(width / u8MultipleOfResolution);
+    u16HeightOfDownSampling = static_cast<uint16_t>(height / u8MultipleOfResolution);
+    u32TotalPixelOfDownSampling =
+        static_cast<uint32_t>(u16WidthOfDownSampling) * u16HeightOfDownSampling;
+    const ks_disparity::Grid g{u8MultipleOfResolution, u16WidthOfDownSampling,
+                               u16HeightOfDownSampling, u32TotalPixelOfDownSampling};
+    if (u32TotalPixelOfDownSampling == 0) return 0;
+
+    if (!m_disparity_work) {
+        m_disparity_work.reset(new (std::nothrow) KSDisparityWork);
+        if (!m_disparity_work) return -1;
+    }
+    KSDisparityWork& w = *m_disparity_work;
+    const size_t n = u32TotalPixelOfDownSampling;
+    if (!w.grid.reserve(n)) return -1;
+    if (!w.label.reserve(n)) return -2;
+    if (!w.region_size.reserve(n + 1)) return -3;
+    if (!w.parent.reserve(n + 1)) return -4;
+    if (!w.claimed.reserve(u16WidthOfDownSampling)) return -1;
+
+    if (resolve_start_offset(u16WidthOfDownSampling) != 0) return -13;
+
+    ks_disparity::downsample(g, disparity, width, height, m_dense_start_offset, w.grid.data());
+
+    const ks_disparity::Area whole{0, u16HeightOfDownSampling - 1, 0, u16WidthOfDownSampling - 1};
+    const uint64_t small = ks_disparity::label_regions(g, whole, w);
+
+    if (drop_back_lit_frame(small, u32TotalPixelOfDownSampling, width, height, image)) {
+        ks_disparity::clear_grid(g, w.grid.data());
+    } else {
+        ks_disparity::clear_small_regions(g, whole, w);
+        ks_disparity::keep_unique_matches(g, w);
+    }
+
+    ks_disparity::upsample(g, w.grid.data(), m_min_disparity_limit, m_max_disparity_limit, width,
+                           disparity);
+    return 0;
+}

@@ -1,0 +1,256 @@
+// Point cloud and rectangle statistics.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "processing_camera.h"
+#include "scene_frames.h"
+
+namespace {
+
+constexpr float kFar = 4294967296.0f;
+
+ProcessingCamera* make_camera(uint16_t w, uint16_t h, float bxf = 30000.0f, float base = 60.0f) {
+    auto* c = new ProcessingCamera;
+    c->width = w;
+    c->height = h;
+    c->bxf = bxf;
+    c->base = base;
+    return c;
+}
+
+_ks_rect_distance_info_s rect(uint16_t x, uint16_t y, uint16_t w, uint16_t h,
+                              std::vector<uint16_t>& map) {
+    _ks_rect_distance_info_s info;
+    std::memset(&info, 0xA5, sizeof info);  // outputs must all be written
+    info.x = x;
+    info.y = y;
+    info.width = w;
+    info.height = h;
+    info.disparity = map.data();
+    return info;
+}
+
+}  // namespace
+
+TEST(PointCloud, PointsArePackedWithSignsAndDistances) {
+    std::unique_ptr<ProcessingCamera> cam(make_camera(8, 6, 50000.0f, 100.0f));
+    std::vector<uint16_t> map(8 * 6, 0);
+    map[1 * 8 + 2] = 32;    // above and left of the centre (4, 3)
+    map[3 * 8 + 4] = 64;    // the centre
+    map[5 * 8 + 7] = 5000;  // beyond the table: computed on the spot
+    uint32_t count = 99;
+    float *x = nullptr, *y = nullptr, *z = nullptr;
+    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(map.data(), &count, &x, &y, &z));
+    ASSERT_EQ(3u, count);
+
+    // Row-major order; one pixel of disparity with bxf 50000 is 50000 away.
+    EXPECT_FLOAT_EQ(50000.0f, z[0]);
+    EXPECT_FLOAT_EQ(-2.0f * 100.0f, x[0]);  // 2 columns left: negative X
+    EXPECT_FLOAT_EQ(2.0f * 100.0f, y[0]);   // 2 rows up: positive Y
+    EXPECT_FLOAT_EQ(25000.0f, z[1]);
+    EXPECT_FLOAT_EQ(0.0f, x[1]);
+    EXPECT_FLOAT_EQ(0.0f, y[1]);
+    EXPECT_FLOAT_EQ(32.0f * 50000.0f / 5000.0f, z[2]);
+    EXPECT_FLOAT_EQ(3.0f * 32.0f * 100.0f / 5000.0f, x[2]);
+    EXPECT_FLOAT_EQ(-2.0f * 32.0f * 100.0f / 5000.0f, y[2]);
+    for (int i = 3; i < 48; ++i) {
+        EXPECT_EQ(0.0f, x[i]);
+        EXPECT_EQ(0.0f, y[i]);
+        EXPECT_EQ(0.0f, z[i]);
+    }
+
+    // The buffers are reused, and an empty map leaves them all zero.
+    std::vector<uint16_t> empty(8 * 6, 0);
+    float *x2 = nullptr, *y2 = nullptr, *z2 = nullptr;
+    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(empty.data(), &count, &x2, &y2, &z2));
+    EXPECT_EQ(0u, count);
+    EXPECT_EQ(x, x2);
+    EXPECT_EQ(y, y2);
+    EXPECT_EQ(z, z2);
+    for (int i = 0; i < 48; ++i) EXPECT_EQ(0.0f, x2[i] + y2[i] + z2[i]);
+}
+
+TEST(PointCloud, ArgumentsAndMissingEnvironmentAreReported) {
+    std::unique_ptr<ProcessingCamera> cam(make_camera(8, 6));
+    std::vector<uint16_t> map(48, 0);
+    uint32_t count = 5;
+    float *x = nullptr, *y = nullptr, *z = nullptr;
+    EXPECT_EQ(-1, cam->convert_disparity_to_point_cloud(nullptr, &count, &x, &y, &z));
+    EXPECT_EQ(-1, cam->convert_disparity_to_point_cloud(map.data(), nullptr, &x, &y, &z));
+    EXPECT_EQ(-1, cam->convert_disparity_to_point_cloud(map.data(), &count, &x, &y, nullptr));
+
+    BaseOnlyCamera bare;
+    x = reinterpret_cast<float*>(&count);
+    EXPECT_EQ(-2, bare.convert_disparity_to_point_cloud(map.data(), &count, &x, &y, &z));
+    EXPECT_EQ(0u, count);
+    EXPECT_EQ(nullptr, x);
+
+    _ks_rect_distance_info_s info = rect(0, 0, 2, 2, map);
+    EXPECT_EQ(-2, bare.calculate_rect_distance(&info));
+    EXPECT_EQ(-1, cam->calculate_rect_distance(nullptr));
+    info.width = 0;
+    EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
+    info.width = 2;
+    info.height = 0;
+    EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
+    info.height = 2;
+    info.disparity = nullptr;
+    EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
+}
+
+TEST(PointCloud, FlatWallMatchesTheSceneGroundTruth) {
+    SceneFrame f;
+    ASSERT_TRUE(render_scene_frame(KSSIM_SCENE_WALL, 1500.0, 640, 480, KSSIM_CHANNEL_RGBD, true, &f));
+    std::unique_ptr<ProcessingCamera> cam(make_camera(f.width, f.height, f.bxf, f.baseline));
+    uint32_t count = 0;
+    float *x = nullptr, *y = nullptr, *z = nullptr;
+    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(f.disparity.data(), &count, &x, &y, &z));
+    ASSERT_GT(count, 640u * 400u);
+
+    const double focal = static_cast<double>(f.bxf) / f.baseline;
+    uint32_t k = 0;
+    double worst_z = 0.0;
+    double worst_xy = 0.0;
+    for (int r = 0; r < f.height; ++r) {
+        for (int c = 0; c < f.width; ++c) {
+            if (f.disparity[r * f.width + c] == 0) continue;
+            ASSERT_LT(k, count);
+            const double truth = f.truth_mm[r * f.width + c];
+            ASSERT_GT(truth, 0.0);
+            worst_z = std::max(worst_z, std::fabs(z[k] - truth) / truth);
+            // Metric position of the pixel on the wall, image centre as origin.
+            const double tx = (c - (f.width - 1) / 2.0) * truth / focal;
+            const double ty = ((f.height - 1) / 2.0 - r) * truth / focal;
+            worst_xy = std::max({worst_xy, std::fabs(x[k] - tx), std::fabs(y[k] - ty)});
+            if (c < f.width / 2) {
+                EXPECT_LT(x[k], 0.0f);
+            }
+            if (r < f.height / 2) {
+                EXPECT_GT(y[k], 0.0f);
+            }
+            ++k;
+        }
+    }
+    EXPECT_EQ(count, k);
+    EXPECT_LT(worst_z, 0.002);  // disparity steps of 1/32 pixel
+    EXPECT_LT(worst_xy, 1.0 * 1500.0 / focal + 2.0);  // within a pixel on the wall
+}
+
+TEST(RectDistance, AllZeroRectangleKeepsTheStartValues) {
+    std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
+    std::vector<uint16_t> map(16 * 12, 0);
+    _ks_rect_distance_info_s info = rect(2, 2, 5, 5, map);
+    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    EXPECT_EQ(4095, info.min_disparity);
+    EXPECT_EQ(16, info.max_disparity);
+    EXPECT_EQ(0, info.mean_disparity);
+    EXPECT_EQ(0, info.median_disparity);
+    EXPECT_EQ(0.0f, info.valid_ratio);
+    EXPECT_EQ(0.0f, info.min_distance);
+    EXPECT_EQ(0.0f, info.max_distance);
+    EXPECT_EQ(0.0f, info.mean_distance);
+    EXPECT_EQ(0.0f, info.median_distance);
+    EXPECT_EQ(0.0f, info.mean_point_distance);
+    EXPECT_EQ(0.0f, info.median_point_distance);
+}
+
+TEST(RectDistance, SingleValueHasNoMedianBecauseTheWalkStopsAtTheMaximum) {
+    std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
+    std::vector<uint16_t> map(16 * 12, 100);
+    _ks_rect_distance_info_s info = rect(4, 3, 4, 4, map);
+    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    EXPECT_EQ(100, info.min_disparity);
+    EXPECT_EQ(100, info.max_disparity);
+    EXPECT_EQ(100, info.mean_disparity);
+    EXPECT_EQ(0, info.median_disparity);
+    EXPECT_FLOAT_EQ(kFar, info.median_distance);
+    EXPECT_FLOAT_EQ(1.0f, info.valid_ratio);
+    EXPECT_FLOAT_EQ(9600.0f, info.mean_distance);  // 32 x 30000 / 100
+    EXPECT_FLOAT_EQ(9600.0f, info.min_distance);
+    EXPECT_FLOAT_EQ(9600.0f, info.max_distance);
+}
+
+TEST(RectDistance, StatisticsOverTheInclusiveRectangle) {
+    // Camera 16 x 12, focal 500. The rectangle (2, 2) 4 x 2 visits rows 2..4
+    // and columns 2..6: 15 pixels.
+    std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
+    std::vector<uint16_t> map(16 * 12, 0);
+    const uint16_t values[] = {200, 200, 200, 300, 400, 400};
+    int k = 0;
+    for (int c = 2; c <= 6 && k < 6; ++c) map[2 * 16 + c] = values[k++];
+    map[4 * 16 + 6] = values[k++];  // last visited row and column
+    map[5 * 16 + 7] = 4000;         // outside: not visited
+    _ks_rect_distance_info_s info = rect(2, 2, 4, 2, map);
+    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    EXPECT_EQ(200, info.min_disparity);
+    EXPECT_EQ(400, info.max_disparity);
+    EXPECT_EQ(283, info.mean_disparity);    // 1700 / 6
+    EXPECT_EQ(300, info.median_disparity);  // count passes 3 at bin 300
+    EXPECT_FLOAT_EQ(6.0f / 15.0f, info.valid_ratio);
+    EXPECT_FLOAT_EQ(2400.0f, info.min_distance);
+    EXPECT_FLOAT_EQ(4800.0f, info.max_distance);
+    EXPECT_FLOAT_EQ(30000.0f * 32.0f / 283.0f, info.mean_distance);
+    EXPECT_FLOAT_EQ(3200.0f, info.median_distance);
+    // Centre (2 + 2, 2 + 1) against (8, 6): u = -4, v = -3 pixels.
+    const float d = 3200.0f;
+    const float px = -4.0f * d / 500.0f;
+    const float py = -3.0f * d / 500.0f;
+    EXPECT_FLOAT_EQ(std::sqrt(px * px + py * py + d * d), info.median_point_distance);
+    const float m = info.mean_distance;
+    EXPECT_FLOAT_EQ(std::sqrt((4.0f * m / 500.0f) * (4.0f * m / 500.0f) +
+                              (3.0f * m / 500.0f) * (3.0f * m / 500.0f) + m * m),
+                    info.mean_point_distance);
+}
+
+TEST(RectDistance, LargeDisparitiesAreCountedButNotBinned) {
+    std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
+    std::vector<uint16_t> map(16 * 12, 0);
+    map[0] = 12416;  // first value past the histogram
+    map[1] = 65535;
+    map[2] = 5000;
+    map[16] = 5000;
+    map[17] = 5000;
+    _ks_rect_distance_info_s info = rect(0, 0, 3, 1, map);  // rows 0..1, columns 0..3
+    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    EXPECT_EQ(4095, info.min_disparity);  // the start value is never beaten
+    EXPECT_EQ(65535, info.max_disparity);
+    EXPECT_EQ((12416 + 65535 + 3 * 5000) / 5, info.mean_disparity);
+    EXPECT_EQ(5000, info.median_disparity);  // 3 of 5 in the only bin used
+    EXPECT_FLOAT_EQ(5.0f / 8.0f, info.valid_ratio);
+    EXPECT_FLOAT_EQ(32.0f * 30000.0f / 65535.0f, info.min_distance);
+    EXPECT_FLOAT_EQ(30000.0f * 32.0f / 4095.0f, info.max_distance);
+    EXPECT_FLOAT_EQ(32.0f * 30000.0f / 5000.0f, info.median_distance);
+}
+
+TEST(RectDistance, RectanglesAtAndPastTheImageEdgeReadOnlyTheImage) {
+    // The map is exactly the image: any read past it is caught by ASan.
+    std::unique_ptr<ProcessingCamera> cam(make_camera(13, 7));
+    std::vector<uint16_t> map(13 * 7, 64);
+    _ks_rect_distance_info_s info = rect(10, 5, 3, 2, map);  // would visit 4 x 3
+    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    EXPECT_FLOAT_EQ(1.0f, info.valid_ratio);
+    EXPECT_EQ(64, info.mean_disparity);
+
+    info = rect(0, 0, 13, 7, map);  // the whole image and one more of each
+    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    EXPECT_FLOAT_EQ(1.0f, info.valid_ratio);
+
+    info = rect(60000, 3, 10, 1, map);  // starts outside: nothing visited
+    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    EXPECT_EQ(4095, info.min_disparity);
+    EXPECT_EQ(16, info.max_disparity);
+    EXPECT_EQ(0.0f, info.valid_ratio);
+
+    info = rect(0, 65530, 2, 10, map);  // y + height wraps
+    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    EXPECT_EQ(4095, info.min_disparity);
+    EXPECT_EQ(16, info.max_disparity);
+    EXPECT_EQ(0, info.mean_disparity);
+
+    info = rect(65535, 0, 65535, 65535, map);
+    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    EXPECT_EQ(0.0f, info.valid_ratio);
+}
