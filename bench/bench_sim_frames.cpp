@@ -35,7 +35,7 @@ double wall_seconds() {
 }
 
 // CPU seconds of one memcpy of a frame, best of a few rounds.
-double memcpy_seconds(std::vector<uint8_t> &src, std::vector<uint8_t> &dst) {
+double memcpy_seconds(std::vector<uint8_t>& src, std::vector<uint8_t>& dst) {
     double best = 1e9;
     for (int round = 0; round < 5; ++round) {
         const double t0 = cpu_seconds();
@@ -48,9 +48,9 @@ double memcpy_seconds(std::vector<uint8_t> &src, std::vector<uint8_t> &dst) {
     return best;
 }
 
-void SimProduceFrame(benchmark::State &state) {
-    kssim_world *w = kssim_world_create();
-    kssim_camera *cam = kssim_world_add_camera(w, nullptr);
+void SimProduceFrame(benchmark::State& state) {
+    kssim_world* w = kssim_world_create();
+    kssim_camera* cam = kssim_world_add_camera(w, nullptr);
     std::vector<uint8_t> frame(kFrameBytes), src(kFrameBytes, 1), dst(kFrameBytes);
     kssim_camera_produce_frame(cam, frame.data(), frame.size());  // renders once
     double produce = 0;
@@ -70,17 +70,18 @@ void SimProduceFrame(benchmark::State &state) {
 }
 BENCHMARK(SimProduceFrame)->Unit(benchmark::kMicrosecond);
 
-void SimStream30fps(benchmark::State &state) {
-    kssim_world *w = kssim_world_create();
-    kssim_camera *cam = kssim_world_add_camera(w, nullptr);  // 1280 x 720, 30 fps
+void SimStream30fps(benchmark::State& state) {
+    kssim_world* w = kssim_world_create();
+    kssim_camera* cam = kssim_world_add_camera(w, nullptr);  // 1280 x 720, 30 fps
     kssim_world_install(w);
-    const int fd = ks_sys_open(kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE), O_RDWR | O_NONBLOCK, 0);
+    const int fd =
+        ks_sys_open(kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE), O_RDWR | O_NONBLOCK, 0);
     v4l2_requestbuffers req{};
     req.count = 8;
     req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     req.memory = V4L2_MEMORY_MMAP;
     ks_sys_ioctl(fd, VIDIOC_REQBUFS, &req);
-    std::vector<void *> maps;
+    std::vector<void*> maps;
     for (uint32_t i = 0; i < req.count; ++i) {
         v4l2_buffer b{};
         b.index = i;
@@ -119,7 +120,7 @@ void SimStream30fps(benchmark::State &state) {
     state.counters["frames_per_cpu_s"] = frames / cpu;
     state.counters["core_share"] = cpu / wall;
     state.counters["ratio_to_memcpy"] = (cpu / frames) / mc;
-    for (void *m : maps) ks_sys_munmap(m, kFrameBytes);
+    for (void* m : maps) ks_sys_munmap(m, kFrameBytes);
     ks_sys_close(fd);
     kssim_world_destroy(w);
 }

@@ -13,22 +13,30 @@ using kssim::World;
 
 namespace {
 
-World *W(kssim_world *w) { return reinterpret_cast<World *>(w); }
-Camera *C(kssim_camera *c) { return reinterpret_cast<Camera *>(c); }
-kssim_camera *handle(Camera *c) { return reinterpret_cast<kssim_camera *>(c); }
+World* W(kssim_world* w) {
+    return reinterpret_cast<World*>(w);
+}
+Camera* C(kssim_camera* c) {
+    return reinterpret_cast<Camera*>(c);
+}
+kssim_camera* handle(Camera* c) {
+    return reinterpret_cast<kssim_camera*>(c);
+}
 
-void set_text(char *dst, size_t cap, const char *src) {
+void set_text(char* dst, size_t cap, const char* src) {
     std::memset(dst, 0, cap);
     const size_t n = std::min(std::strlen(src), cap - 1);
     std::memcpy(dst, src, n);
 }
 
-bool valid_node(kssim_node n) { return n == KSSIM_NODE_CAPTURE || n == KSSIM_NODE_META; }
+bool valid_node(kssim_node n) {
+    return n == KSSIM_NODE_CAPTURE || n == KSSIM_NODE_META;
+}
 
 // Runs timed events of the camera's world before answering.
-Camera *live(kssim_camera *c) {
+Camera* live(kssim_camera* c) {
     if (c == nullptr) return nullptr;
-    World *w = World::installed();
+    World* w = World::installed();
     if (w != nullptr) w->tick();
     return C(c);
 }
@@ -37,7 +45,7 @@ Camera *live(kssim_camera *c) {
 
 extern "C" {
 
-void kssim_camera_config_init(kssim_camera_config *cfg) {
+void kssim_camera_config_init(kssim_camera_config* cfg) {
     if (cfg == nullptr) return;
     std::memset(cfg, 0, sizeof(*cfg));
     set_text(cfg->serial, sizeof(cfg->serial), "KS0000000001");
@@ -63,36 +71,43 @@ void kssim_camera_config_init(kssim_camera_config *cfg) {
     cfg->video_index = -1;
 }
 
-kssim_world *kssim_world_create(void) {
-    World *w = new (std::nothrow) World();
-    return reinterpret_cast<kssim_world *>(w);
+kssim_world* kssim_world_create(void) {
+    World* w = new (std::nothrow) World();
+    return reinterpret_cast<kssim_world*>(w);
 }
 
-void kssim_world_destroy(kssim_world *w) { delete W(w); }
+void kssim_world_destroy(kssim_world* w) {
+    delete W(w);
+}
 
-int kssim_world_set_warp(kssim_world *w, double warp) {
+int kssim_world_set_warp(kssim_world* w, double warp) {
     if (w == nullptr || !(warp > 0) || warp > 1e6) return -1;
     W(w)->set_warp(warp);
     return 0;
 }
 
-double kssim_world_warp(const kssim_world *w) {
-    return w == nullptr ? 0.0 : const_cast<World *>(reinterpret_cast<const World *>(w))->clock().warp();
+double kssim_world_warp(const kssim_world* w) {
+    return w == nullptr ? 0.0
+                        : const_cast<World*>(reinterpret_cast<const World*>(w))->clock().warp();
 }
 
-uint64_t kssim_world_now_us(kssim_world *w) {
+uint64_t kssim_world_now_us(kssim_world* w) {
     return w == nullptr ? 0 : static_cast<uint64_t>(W(w)->clock().mono_us());
 }
 
-int kssim_world_install(kssim_world *w) { return w == nullptr ? -1 : W(w)->install(); }
-
-int kssim_world_uninstall(kssim_world *w) { return w == nullptr ? -1 : W(w)->uninstall(); }
-
-kssim_world *kssim_installed_world(void) {
-    return reinterpret_cast<kssim_world *>(World::installed());
+int kssim_world_install(kssim_world* w) {
+    return w == nullptr ? -1 : W(w)->install();
 }
 
-kssim_camera *kssim_world_add_camera(kssim_world *w, const kssim_camera_config *cfg) {
+int kssim_world_uninstall(kssim_world* w) {
+    return w == nullptr ? -1 : W(w)->uninstall();
+}
+
+kssim_world* kssim_installed_world(void) {
+    return reinterpret_cast<kssim_world*>(World::installed());
+}
+
+kssim_camera* kssim_world_add_camera(kssim_world* w, const kssim_camera_config* cfg) {
     if (w == nullptr) return nullptr;
     kssim_camera_config defaults;
     if (cfg == nullptr) {
@@ -102,7 +117,7 @@ kssim_camera *kssim_world_add_camera(kssim_world *w, const kssim_camera_config *
     return handle(W(w)->add_camera(Camera::Kind::Stereo, *cfg));
 }
 
-kssim_camera *kssim_world_add_webcam(kssim_world *w, const char *card) {
+kssim_camera* kssim_world_add_webcam(kssim_world* w, const char* card) {
     if (w == nullptr) return nullptr;
     kssim_camera_config cfg;
     kssim_camera_config_init(&cfg);
@@ -117,7 +132,7 @@ kssim_camera *kssim_world_add_webcam(kssim_world *w, const char *card) {
     return handle(W(w)->add_camera(Camera::Kind::Webcam, cfg));
 }
 
-kssim_camera *kssim_world_add_usb2_camera(kssim_world *w, const char *serial) {
+kssim_camera* kssim_world_add_usb2_camera(kssim_world* w, const char* serial) {
     if (w == nullptr) return nullptr;
     kssim_camera_config cfg;
     kssim_camera_config_init(&cfg);
@@ -128,56 +143,60 @@ kssim_camera *kssim_world_add_usb2_camera(kssim_world *w, const char *serial) {
     return handle(W(w)->add_camera(Camera::Kind::Stereo, cfg));
 }
 
-uint32_t kssim_world_camera_count(kssim_world *w) { return w == nullptr ? 0 : W(w)->camera_count(); }
+uint32_t kssim_world_camera_count(kssim_world* w) {
+    return w == nullptr ? 0 : W(w)->camera_count();
+}
 
-kssim_camera *kssim_world_camera(kssim_world *w, uint32_t index) {
+kssim_camera* kssim_world_camera(kssim_world* w, uint32_t index) {
     return w == nullptr ? nullptr : handle(W(w)->camera(index));
 }
 
-const char *kssim_camera_node_path(kssim_camera *c, kssim_node node) {
+const char* kssim_camera_node_path(kssim_camera* c, kssim_node node) {
     if (c == nullptr || !valid_node(node)) return nullptr;
     return C(c)->node_path(static_cast<NodeKind>(node)).c_str();
 }
 
-const char *kssim_camera_by_path_link(kssim_camera *c, kssim_node node) {
+const char* kssim_camera_by_path_link(kssim_camera* c, kssim_node node) {
     if (c == nullptr || !valid_node(node)) return nullptr;
     return C(c)->by_path_link(static_cast<NodeKind>(node)).c_str();
 }
 
-const char *kssim_camera_by_id_link(kssim_camera *c, kssim_node node) {
+const char* kssim_camera_by_id_link(kssim_camera* c, kssim_node node) {
     if (c == nullptr || !valid_node(node)) return nullptr;
     return C(c)->by_id_link(static_cast<NodeKind>(node)).c_str();
 }
 
-int kssim_camera_get_config(kssim_camera *c, kssim_camera_config *out) {
+int kssim_camera_get_config(kssim_camera* c, kssim_camera_config* out) {
     if (c == nullptr || out == nullptr) return -1;
     *out = C(c)->config();
     return 0;
 }
 
-int kssim_camera_set_output_channel(kssim_camera *c, uint8_t channel) {
+int kssim_camera_set_output_channel(kssim_camera* c, uint8_t channel) {
     return c == nullptr ? -1 : C(c)->set_output_channel(channel);
 }
 
-uint8_t kssim_camera_output_channel(kssim_camera *c) {
+uint8_t kssim_camera_output_channel(kssim_camera* c) {
     return c == nullptr ? 0 : C(c)->output_channel();
 }
 
-int kssim_camera_set_frame_rate(kssim_camera *c, double fps) {
+int kssim_camera_set_frame_rate(kssim_camera* c, double fps) {
     return c == nullptr ? -1 : C(c)->set_frame_rate(fps);
 }
 
-double kssim_camera_frame_rate(kssim_camera *c) { return c == nullptr ? 0.0 : C(c)->frame_rate(); }
+double kssim_camera_frame_rate(kssim_camera* c) {
+    return c == nullptr ? 0.0 : C(c)->frame_rate();
+}
 
-int kssim_camera_set_scene(kssim_camera *c, const kssim_scene *scene) {
+int kssim_camera_set_scene(kssim_camera* c, const kssim_scene* scene) {
     return c == nullptr || scene == nullptr ? -1 : C(c)->set_scene(*scene);
 }
 
-int kssim_camera_true_distance(kssim_camera *c, uint32_t x, uint32_t y, double *mm) {
+int kssim_camera_true_distance(kssim_camera* c, uint32_t x, uint32_t y, double* mm) {
     return c == nullptr ? -1 : C(c)->true_distance(x, y, mm);
 }
 
-int kssim_camera_true_disparity(kssim_camera *c, uint32_t x, uint32_t y, uint16_t *value) {
+int kssim_camera_true_disparity(kssim_camera* c, uint32_t x, uint32_t y, uint16_t* value) {
     if (c == nullptr || value == nullptr) return -1;
     double mm = 0;
     if (C(c)->true_distance(x, y, &mm) != 0) return -1;
@@ -185,31 +204,37 @@ int kssim_camera_true_disparity(kssim_camera *c, uint32_t x, uint32_t y, uint16_
     return 0;
 }
 
-int kssim_camera_get_stats(kssim_camera *c, kssim_camera_stats *out) {
+int kssim_camera_get_stats(kssim_camera* c, kssim_camera_stats* out) {
     if (c == nullptr || out == nullptr) return -1;
     *out = live(c)->stats();
     return 0;
 }
 
-int kssim_camera_unplug(kssim_camera *c) { return c == nullptr ? -1 : C(c)->unplug(); }
+int kssim_camera_unplug(kssim_camera* c) {
+    return c == nullptr ? -1 : C(c)->unplug();
+}
 
-int kssim_camera_replug(kssim_camera *c) { return c == nullptr ? -1 : C(c)->replug(); }
+int kssim_camera_replug(kssim_camera* c) {
+    return c == nullptr ? -1 : C(c)->replug();
+}
 
-int kssim_camera_plugged(kssim_camera *c) { return c != nullptr && live(c)->plugged() ? 1 : 0; }
+int kssim_camera_plugged(kssim_camera* c) {
+    return c != nullptr && live(c)->plugged() ? 1 : 0;
+}
 
-int kssim_camera_inject_fault(kssim_camera *c, const kssim_fault_spec *fault) {
+int kssim_camera_inject_fault(kssim_camera* c, const kssim_fault_spec* fault) {
     return c == nullptr || fault == nullptr ? -1 : C(c)->inject_fault(*fault);
 }
 
-int kssim_camera_clear_fault(kssim_camera *c, kssim_fault_kind kind) {
+int kssim_camera_clear_fault(kssim_camera* c, kssim_fault_kind kind) {
     return c == nullptr ? -1 : C(c)->clear_fault(kind);
 }
 
-int kssim_camera_fault_active(kssim_camera *c, kssim_fault_kind kind) {
+int kssim_camera_fault_active(kssim_camera* c, kssim_fault_kind kind) {
     return c != nullptr && live(c)->fault_active(kind) ? 1 : 0;
 }
 
-long kssim_camera_produce_frame(kssim_camera *c, uint8_t *dst, size_t size) {
+long kssim_camera_produce_frame(kssim_camera* c, uint8_t* dst, size_t size) {
     return c == nullptr ? -1 : C(c)->produce_frame(dst, size);
 }
 

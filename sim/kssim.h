@@ -47,9 +47,9 @@ typedef enum kssim_sensor_model {
 } kssim_sensor_model;
 
 typedef enum kssim_scene_kind {
-    KSSIM_SCENE_WALL = 0,    /* one textured wall facing the camera at distance_mm */
-    KSSIM_SCENE_ROOM = 1,    /* back wall, floor, side walls, boxes (one without texture) */
-    KSSIM_SCENE_BACKLIT = 2  /* dark figure before a wall with a bright window */
+    KSSIM_SCENE_WALL = 0,   /* one textured wall facing the camera at distance_mm */
+    KSSIM_SCENE_ROOM = 1,   /* back wall, floor, side walls, boxes (one without texture) */
+    KSSIM_SCENE_BACKLIT = 2 /* dark figure before a wall with a bright window */
 } kssim_scene_kind;
 
 typedef struct kssim_scene {
@@ -73,9 +73,9 @@ typedef struct kssim_frame_size {
 #define KSSIM_MAX_FRAME_SIZES 8
 
 typedef struct kssim_camera_config {
-    char serial[32];          /* serial number, also in the by-id link name */
-    char card[32];            /* card name reported by VIDIOC_QUERYCAP */
-    char firmware[64];        /* controller firmware version text */
+    char serial[32];   /* serial number, also in the by-id link name */
+    char card[32];     /* card name reported by VIDIOC_QUERYCAP */
+    char firmware[64]; /* controller firmware version text */
     kssim_sensor_model sensor;
     kssim_frame_size sizes[KSSIM_MAX_FRAME_SIZES]; /* discrete frame sizes, in order */
     uint32_t size_count;
@@ -97,65 +97,65 @@ typedef struct kssim_camera_config {
  * sizes 1280x720 and 640x480, 1280x720 at 30 fps, a wall at 1500 mm,
  * bxf 35000, baseline 50, IMU present, first frame id 1, RGBD channel,
  * 8 buffers, single-planar, streaming, automatic node number. */
-void kssim_camera_config_init(kssim_camera_config *cfg);
+void kssim_camera_config_init(kssim_camera_config* cfg);
 
 /* ---- world ---------------------------------------------------------------- */
 
-kssim_world *kssim_world_create(void);
+kssim_world* kssim_world_create(void);
 /* Uninstalls the world if it is installed, stops every stream and frees it.
  * No thread may be inside a seam call on the world at that moment. */
-void kssim_world_destroy(kssim_world *w);
+void kssim_world_destroy(kssim_world* w);
 
 /* Time warp (> 0, default 1): the virtual clock, sleeps, select time-outs and
  * frame rates run this many times faster than real time. */
-int kssim_world_set_warp(kssim_world *w, double warp);
-double kssim_world_warp(const kssim_world *w);
+int kssim_world_set_warp(kssim_world* w, double warp);
+double kssim_world_warp(const kssim_world* w);
 /* Virtual CLOCK_MONOTONIC in microseconds. */
-uint64_t kssim_world_now_us(kssim_world *w);
+uint64_t kssim_world_now_us(kssim_world* w);
 
 /* Routes the library's platform seam to this world (one world at a time).
  * Returns 0, -1 when another world is installed. */
-int kssim_world_install(kssim_world *w);
+int kssim_world_install(kssim_world* w);
 /* Restores the C library's table if this world is installed; 0, else -1. */
-int kssim_world_uninstall(kssim_world *w);
-kssim_world *kssim_installed_world(void);
+int kssim_world_uninstall(kssim_world* w);
+kssim_world* kssim_installed_world(void);
 
 /* Adds a camera (null: defaults). Null when the configuration is invalid or
  * the node number is taken. */
-kssim_camera *kssim_world_add_camera(kssim_world *w, const kssim_camera_config *cfg);
+kssim_camera* kssim_world_add_camera(kssim_world* w, const kssim_camera_config* cfg);
 /* Adds a generic webcam (YUYV 640x480 and 1280x720); card null: a card name
  * without any of the product key words. */
-kssim_camera *kssim_world_add_webcam(kssim_world *w, const char *card);
+kssim_camera* kssim_world_add_webcam(kssim_world* w, const char* card);
 /* Adds the camera behind a USB 2.0 link: it offers 640 x 480 only. */
-kssim_camera *kssim_world_add_usb2_camera(kssim_world *w, const char *serial);
-uint32_t kssim_world_camera_count(kssim_world *w);
-kssim_camera *kssim_world_camera(kssim_world *w, uint32_t index);
+kssim_camera* kssim_world_add_usb2_camera(kssim_world* w, const char* serial);
+uint32_t kssim_world_camera_count(kssim_world* w);
+kssim_camera* kssim_world_camera(kssim_world* w, uint32_t index);
 
 /* ---- camera --------------------------------------------------------------- */
 
 typedef enum kssim_node { KSSIM_NODE_CAPTURE = 0, KSSIM_NODE_META = 1 } kssim_node;
 
 /* /dev/videoN of a node; its /dev/v4l/by-path and /dev/v4l/by-id links. */
-const char *kssim_camera_node_path(kssim_camera *c, kssim_node node);
-const char *kssim_camera_by_path_link(kssim_camera *c, kssim_node node);
-const char *kssim_camera_by_id_link(kssim_camera *c, kssim_node node);
-int kssim_camera_get_config(kssim_camera *c, kssim_camera_config *out);
+const char* kssim_camera_node_path(kssim_camera* c, kssim_node node);
+const char* kssim_camera_by_path_link(kssim_camera* c, kssim_node node);
+const char* kssim_camera_by_id_link(kssim_camera* c, kssim_node node);
+int kssim_camera_get_config(kssim_camera* c, kssim_camera_config* out);
 
 /* Output channel (one of KSSIM_CHANNEL_*): 0, or -1 for another value. */
-int kssim_camera_set_output_channel(kssim_camera *c, uint8_t channel);
-uint8_t kssim_camera_output_channel(kssim_camera *c);
+int kssim_camera_set_output_channel(kssim_camera* c, uint8_t channel);
+uint8_t kssim_camera_output_channel(kssim_camera* c);
 /* Frame rate in frames per second of virtual time (0 < fps <= 1000). */
-int kssim_camera_set_frame_rate(kssim_camera *c, double fps);
-double kssim_camera_frame_rate(kssim_camera *c);
-int kssim_camera_set_scene(kssim_camera *c, const kssim_scene *scene);
+int kssim_camera_set_frame_rate(kssim_camera* c, double fps);
+double kssim_camera_frame_rate(kssim_camera* c);
+int kssim_camera_set_scene(kssim_camera* c, const kssim_scene* scene);
 
 /* Ground truth: depth in mm along the optical axis of the surface seen by
  * pixel (x, y) of image A at the camera's current output size (0 when no
  * surface is hit). 0, or -1 for a pixel outside the image. */
-int kssim_camera_true_distance(kssim_camera *c, uint32_t x, uint32_t y, double *mm);
+int kssim_camera_true_distance(kssim_camera* c, uint32_t x, uint32_t y, double* mm);
 /* The disparity the processed channel carries for that pixel (1/32 pixel
  * units, 0 for none): round(32 x bxf / distance) when within 1..4095. */
-int kssim_camera_true_disparity(kssim_camera *c, uint32_t x, uint32_t y, uint16_t *value);
+int kssim_camera_true_disparity(kssim_camera* c, uint32_t x, uint32_t y, uint16_t* value);
 
 typedef struct kssim_camera_stats {
     uint64_t frames_produced;  /* frame periods in which the camera sent a frame */
@@ -165,27 +165,27 @@ typedef struct kssim_camera_stats {
     uint32_t open_files;       /* descriptors open on the camera's nodes */
     uint32_t streaming;
 } kssim_camera_stats;
-int kssim_camera_get_stats(kssim_camera *c, kssim_camera_stats *out);
+int kssim_camera_get_stats(kssim_camera* c, kssim_camera_stats* out);
 
 /* Unplug: every request on the camera's descriptors fails with ENODEV, a
  * blocked select or dequeue wakes, nodes and links disappear. Replug brings
  * a freshly powered camera back under the same names. */
-int kssim_camera_unplug(kssim_camera *c);
-int kssim_camera_replug(kssim_camera *c);
-int kssim_camera_plugged(kssim_camera *c);
+int kssim_camera_unplug(kssim_camera* c);
+int kssim_camera_replug(kssim_camera* c);
+int kssim_camera_plugged(kssim_camera* c);
 
 /* ---- faults --------------------------------------------------------------- */
 
 typedef enum kssim_fault_kind {
-    KSSIM_FAULT_UNPLUG = 0,         /* unplugged; replugged after duration_ms (0: never) */
-    KSSIM_FAULT_STALL = 1,          /* no frames for count frame periods / duration */
-    KSSIM_FAULT_BAD_MARKER = 2,     /* first byte of each frame is value (default 0) */
+    KSSIM_FAULT_UNPLUG = 0,          /* unplugged; replugged after duration_ms (0: never) */
+    KSSIM_FAULT_STALL = 1,           /* no frames for count frame periods / duration */
+    KSSIM_FAULT_BAD_MARKER = 2,      /* first byte of each frame is value (default 0) */
     KSSIM_FAULT_FROZEN_FRAME_ID = 3, /* the frame id stops counting */
-    KSSIM_FAULT_FEWER_BUFFERS = 4,  /* VIDIOC_REQBUFS grants at most value buffers */
-    KSSIM_FAULT_S_FMT_FAIL = 5,     /* VIDIOC_S_FMT fails with errno value (default EIO) */
-    KSSIM_FAULT_G_FMT_FAIL = 6,     /* VIDIOC_G_FMT fails with errno value (default EIO) */
-    KSSIM_FAULT_OTHER_PIXFMT = 7,   /* S_FMT/G_FMT report fourcc value (default YUYV) */
-    KSSIM_FAULT_QUERYCAP_FAIL = 8,  /* VIDIOC_QUERYCAP fails with errno value (default EIO) */
+    KSSIM_FAULT_FEWER_BUFFERS = 4,   /* VIDIOC_REQBUFS grants at most value buffers */
+    KSSIM_FAULT_S_FMT_FAIL = 5,      /* VIDIOC_S_FMT fails with errno value (default EIO) */
+    KSSIM_FAULT_G_FMT_FAIL = 6,      /* VIDIOC_G_FMT fails with errno value (default EIO) */
+    KSSIM_FAULT_OTHER_PIXFMT = 7,    /* S_FMT/G_FMT report fourcc value (default YUYV) */
+    KSSIM_FAULT_QUERYCAP_FAIL = 8,   /* VIDIOC_QUERYCAP fails with errno value (default EIO) */
     KSSIM_FAULT_KIND_COUNT = 9
 } kssim_fault_kind;
 
@@ -198,10 +198,10 @@ typedef struct kssim_fault_spec {
 
 /* Arms a fault (replacing one of the same kind). With count and duration both
  * 0 it lasts until cleared. 0, or -1 for an invalid spec. */
-int kssim_camera_inject_fault(kssim_camera *c, const kssim_fault_spec *fault);
-int kssim_camera_clear_fault(kssim_camera *c, kssim_fault_kind kind);
+int kssim_camera_inject_fault(kssim_camera* c, const kssim_fault_spec* fault);
+int kssim_camera_clear_fault(kssim_camera* c, kssim_fault_kind kind);
 /* 1 while the fault is armed, else 0. */
-int kssim_camera_fault_active(kssim_camera *c, kssim_fault_kind kind);
+int kssim_camera_fault_active(kssim_camera* c, kssim_fault_kind kind);
 
 /* ---- frames without streaming ---------------------------------------------- */
 
@@ -209,7 +209,7 @@ int kssim_camera_fault_active(kssim_camera *c, kssim_fault_kind kind);
  * as the producer would, advancing the frame id; the bad-marker and
  * frozen-id faults apply (a stall does not). Returns the frame size in
  * bytes, or -1 when dst is null or smaller. Meant for tests and benchmarks. */
-long kssim_camera_produce_frame(kssim_camera *c, uint8_t *dst, size_t size);
+long kssim_camera_produce_frame(kssim_camera* c, uint8_t* dst, size_t size);
 
 #ifdef __cplusplus
 }

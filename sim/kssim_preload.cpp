@@ -22,20 +22,20 @@
 
 namespace {
 
-kssim_world *g_world = nullptr;
+kssim_world* g_world = nullptr;
 
-bool parse_double(const char *text, double *out) {
-    char *end = nullptr;
+bool parse_double(const char* text, double* out) {
+    char* end = nullptr;
     const double v = strtod(text, &end);
     if (end == text || *end != '\0') return false;
     *out = v;
     return true;
 }
 
-std::vector<std::string> split(const char *text) {
+std::vector<std::string> split(const char* text) {
     std::vector<std::string> out;
     std::string cur;
-    for (const char *p = text; *p != '\0'; ++p) {
+    for (const char* p = text; *p != '\0'; ++p) {
         if (*p == ',') {
             out.push_back(cur);
             cur.clear();
@@ -48,10 +48,10 @@ std::vector<std::string> split(const char *text) {
 }
 
 int setup() {
-    const char *v = getenv("KSSIM_CAMERAS");
+    const char* v = getenv("KSSIM_CAMERAS");
     long cameras = 1;
     if (v != nullptr) {
-        char *end = nullptr;
+        char* end = nullptr;
         cameras = strtol(v, &end, 10);
         if (end == v || *end != '\0' || cameras < 0 || cameras > 16) {
             fprintf(stderr, "kssim: invalid KSSIM_CAMERAS \"%s\"\n", v);
@@ -61,9 +61,12 @@ int setup() {
     kssim_camera_config cfg;
     kssim_camera_config_init(&cfg);
     if ((v = getenv("KSSIM_SCENE")) != nullptr) {
-        if (strcmp(v, "wall") == 0) cfg.scene.kind = KSSIM_SCENE_WALL;
-        else if (strcmp(v, "room") == 0) cfg.scene.kind = KSSIM_SCENE_ROOM;
-        else if (strcmp(v, "backlit") == 0) cfg.scene.kind = KSSIM_SCENE_BACKLIT;
+        if (strcmp(v, "wall") == 0)
+            cfg.scene.kind = KSSIM_SCENE_WALL;
+        else if (strcmp(v, "room") == 0)
+            cfg.scene.kind = KSSIM_SCENE_ROOM;
+        else if (strcmp(v, "backlit") == 0)
+            cfg.scene.kind = KSSIM_SCENE_BACKLIT;
         else {
             fprintf(stderr, "kssim: unknown scene \"%s\"\n", v);
             return -1;

@@ -13,7 +13,7 @@
 
 namespace {
 
-void usage(FILE *out) {
+void usage(FILE* out) {
     fprintf(out,
             "usage: kssim-run [options] -- program [args...]\n"
             "  --cameras N        number of simulated cameras (default 1)\n"
@@ -27,7 +27,9 @@ void usage(FILE *out) {
             "  --preload PATH     the preload library to use\n");
 }
 
-bool exists(const std::string &path) { return access(path.c_str(), R_OK) == 0; }
+bool exists(const std::string& path) {
+    return access(path.c_str(), R_OK) == 0;
+}
 
 // The preload library: beside this program, in ../lib, or where it was built.
 std::string find_preload() {
@@ -37,7 +39,7 @@ std::string find_preload() {
         self[n] = '\0';
         std::string dir(self);
         dir = dir.substr(0, dir.rfind('/'));
-        for (const std::string &cand :
+        for (const std::string& cand :
              {dir + "/" KSSIM_PRELOAD_NAME, dir + "/../lib/" KSSIM_PRELOAD_NAME,
               dir + "/../lib64/" KSSIM_PRELOAD_NAME}) {
             if (exists(cand)) return cand;
@@ -48,10 +50,10 @@ std::string find_preload() {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
     std::string preload;
     int i = 1;
-    auto value = [&](const char *opt) -> const char * {
+    auto value = [&](const char* opt) -> const char* {
         if (i + 1 >= argc) {
             fprintf(stderr, "kssim-run: %s needs a value\n", opt);
             exit(2);
@@ -59,20 +61,29 @@ int main(int argc, char **argv) {
         return argv[++i];
     };
     for (; i < argc; ++i) {
-        const char *a = argv[i];
+        const char* a = argv[i];
         if (strcmp(a, "--") == 0) {
             ++i;
             break;
         }
-        if (strcmp(a, "--cameras") == 0) setenv("KSSIM_CAMERAS", value(a), 1);
-        else if (strcmp(a, "--serial") == 0) setenv("KSSIM_SERIALS", value(a), 1);
-        else if (strcmp(a, "--scene") == 0) setenv("KSSIM_SCENE", value(a), 1);
-        else if (strcmp(a, "--distance") == 0) setenv("KSSIM_DISTANCE", value(a), 1);
-        else if (strcmp(a, "--warp") == 0) setenv("KSSIM_WARP", value(a), 1);
-        else if (strcmp(a, "--fps") == 0) setenv("KSSIM_FPS", value(a), 1);
-        else if (strcmp(a, "--webcam") == 0) setenv("KSSIM_WEBCAM", "1", 1);
-        else if (strcmp(a, "--usb2") == 0) setenv("KSSIM_USB2", "1", 1);
-        else if (strcmp(a, "--preload") == 0) preload = value(a);
+        if (strcmp(a, "--cameras") == 0)
+            setenv("KSSIM_CAMERAS", value(a), 1);
+        else if (strcmp(a, "--serial") == 0)
+            setenv("KSSIM_SERIALS", value(a), 1);
+        else if (strcmp(a, "--scene") == 0)
+            setenv("KSSIM_SCENE", value(a), 1);
+        else if (strcmp(a, "--distance") == 0)
+            setenv("KSSIM_DISTANCE", value(a), 1);
+        else if (strcmp(a, "--warp") == 0)
+            setenv("KSSIM_WARP", value(a), 1);
+        else if (strcmp(a, "--fps") == 0)
+            setenv("KSSIM_FPS", value(a), 1);
+        else if (strcmp(a, "--webcam") == 0)
+            setenv("KSSIM_WEBCAM", "1", 1);
+        else if (strcmp(a, "--usb2") == 0)
+            setenv("KSSIM_USB2", "1", 1);
+        else if (strcmp(a, "--preload") == 0)
+            preload = value(a);
         else if (strcmp(a, "-h") == 0 || strcmp(a, "--help") == 0) {
             usage(stdout);
             return 0;
@@ -91,13 +102,13 @@ int main(int argc, char **argv) {
         fprintf(stderr, "kssim-run: preload library %s not found\n", preload.c_str());
         return 2;
     }
-    const char *old = getenv("LD_PRELOAD");
+    const char* old = getenv("LD_PRELOAD");
     std::string lp = preload;
     if (old != nullptr && *old != '\0') lp += std::string(":") + old;
     setenv("LD_PRELOAD", lp.c_str(), 1);
 #ifdef KSSIM_ASAN_BUILD
     // The sanitizer runtime comes in through the preload library, not first.
-    const char *asan = getenv("ASAN_OPTIONS");
+    const char* asan = getenv("ASAN_OPTIONS");
     std::string opts = asan != nullptr && *asan != '\0' ? std::string(asan) + ":" : "";
     setenv("ASAN_OPTIONS", (opts + "verify_asan_link_order=0").c_str(), 1);
 #endif

@@ -23,17 +23,21 @@ constexpr uint32_t kMetaBufferSize = 10240;
 constexpr uint32_t kKernelVersion = (6u << 16) | (1u << 8);
 constexpr int64_t kCatchUpPeriods = 4;  // later than this, missed periods are skipped
 
-size_t page_size() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+size_t page_size() {
+    return static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
 
-void copy_text(uint8_t *dst, size_t cap, const char *src) {
+void copy_text(uint8_t* dst, size_t cap, const char* src) {
     std::memset(dst, 0, cap);
     const size_t n = std::min(std::strlen(src), cap - 1);
     std::memcpy(dst, src, n);
 }
 
-int64_t period_ns(double fps) { return static_cast<int64_t>(std::llround(1e9 / fps)); }
+int64_t period_ns(double fps) {
+    return static_cast<int64_t>(std::llround(1e9 / fps));
+}
 
-void to_timeval(int64_t ns, struct timeval *tv) {
+void to_timeval(int64_t ns, struct timeval* tv) {
     tv->tv_sec = static_cast<time_t>(ns / 1000000000);
     tv->tv_usec = static_cast<suseconds_t>((ns % 1000000000) / 1000);
 }
@@ -45,8 +49,8 @@ BufferSet::~BufferSet() {
     if (memfd >= 0) ::close(memfd);
 }
 
-Camera::Camera(World &world, Kind kind, const kssim_camera_config &cfg, int video_index, int port,
-               const std::string &by_id_base)
+Camera::Camera(World& world, Kind kind, const kssim_camera_config& cfg, int video_index, int port,
+               const std::string& by_id_base)
     : world_(world), kind_(kind), video_index_(video_index), port_(port), cfg_(cfg) {
     for (int n = 0; n < 2; ++n) {
         node_path_[n] = "/dev/video" + std::to_string(video_index + n);
@@ -83,14 +87,14 @@ kssim_camera_config Camera::config() const {
 
 // ---- node layer ---------------------------------------------------------------
 
-void Camera::attach(const std::shared_ptr<OpenFile> &f) {
+void Camera::attach(const std::shared_ptr<OpenFile>& f) {
     std::lock_guard<std::mutex> lk(mu_);
     f->instance = instance_;
     files_.push_back(f);
     refresh_ready();
 }
 
-void Camera::detach(OpenFile &f) {
+void Camera::detach(OpenFile& f) {
     std::lock_guard<std::mutex> ctl(ctl_mu_);
     std::unique_lock<std::mutex> lk(mu_);
     if (owner_ == &f) {
@@ -99,7 +103,7 @@ void Camera::detach(OpenFile &f) {
         release_queue(lk);
     }
     files_.erase(std::remove_if(files_.begin(), files_.end(),
-                                [&](const std::shared_ptr<OpenFile> &p) { return p.get() == &f; }),
+                                [&](const std::shared_ptr<OpenFile>& p) { return p.get() == &f; }),
                  files_.end());
     cv_.notify_all();
 }
@@ -109,12 +113,12 @@ uint64_t Camera::instance_now() const {
     return instance_;
 }
 
-void Camera::poll_state(const OpenFile &f, bool *readable, bool *error) {
+void Camera::poll_state(const OpenFile& f, bool* readable, bool* error) {
     std::lock_guard<std::mutex> lk(mu_);
     poll_state_locked(f, readable, error);
 }
 
-void Camera::poll_state_locked(const OpenFile &f, bool *readable, bool *error) const {
+void Camera::poll_state_locked(const OpenFile& f, bool* readable, bool* error) const {
     // Like a V4L2 queue: an error (not streaming, device gone) polls as
     // readable; while streaming only a filled buffer makes it readable.
     const bool gone = f.instance != instance_ || !plugged();
@@ -133,7 +137,7 @@ void Camera::poll_state_locked(const OpenFile &f, bool *readable, bool *error) c
 }
 
 void Camera::refresh_ready() {
-    for (const auto &f : files_) {
+    for (const auto& f : files_) {
         bool readable = false, error = false;
         poll_state_locked(*f, &readable, &error);
         if (readable == f->signalled) continue;
@@ -151,14 +155,17 @@ uint32_t Camera::fourcc() const {
     return kind_ == Kind::Webcam ? V4L2_PIX_FMT_YUYV : V4L2_PIX_FMT_BGR24;
 }
 
-uint32_t Camera::bytes_per_pixel() const { return kind_ == Kind::Webcam ? 2 : 3; }
+uint32_t Camera::bytes_per_pixel() const {
+    return kind_ == Kind::Webcam ? 2 : 3;
+}
 
 size_t Camera::sizeimage() const {
     return static_cast<size_t>(width_) * height_ * bytes_per_pixel();
 }
 
 uint32_t Camera::device_caps(NodeKind n) const {
-    if (n == NodeKind::Meta) return V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
+    if (n == NodeKind::Meta)
+        return V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
     uint32_t caps = V4L2_CAP_EXT_PIX_FORMAT;
     if (cfg_.planes != KSSIM_PLANES_MULTI) caps |= V4L2_CAP_VIDEO_CAPTURE;
     if (cfg_.planes != KSSIM_PLANES_SINGLE) caps |= V4L2_CAP_VIDEO_CAPTURE_MPLANE;
@@ -172,7 +179,7 @@ bool Camera::capture_type_ok(uint32_t type) const {
     return false;
 }
 
-int Camera::ioctl(OpenFile &f, unsigned long request, void *arg) {
+int Camera::ioctl(OpenFile& f, unsigned long request, void* arg) {
     switch (request) {
         case VIDIOC_QUERYCAP:
         case VIDIOC_ENUM_FMT:
@@ -211,17 +218,24 @@ int Camera::ioctl(OpenFile &f, unsigned long request, void *arg) {
     }
     if (arg == nullptr) return -EFAULT;
     switch (request) {
-        case VIDIOC_QUERYCAP: return querycap(f, arg);
-        case VIDIOC_ENUM_FMT: return enum_fmt(f, arg);
-        case VIDIOC_G_FMT: return get_fmt(f, arg);
-        case VIDIOC_S_FMT: return set_fmt(f, arg, false);
-        case VIDIOC_TRY_FMT: return set_fmt(f, arg, true);
+        case VIDIOC_QUERYCAP:
+            return querycap(f, arg);
+        case VIDIOC_ENUM_FMT:
+            return enum_fmt(f, arg);
+        case VIDIOC_G_FMT:
+            return get_fmt(f, arg);
+        case VIDIOC_S_FMT:
+            return set_fmt(f, arg, false);
+        case VIDIOC_TRY_FMT:
+            return set_fmt(f, arg, true);
         case VIDIOC_G_PARM:
-        case VIDIOC_S_PARM: return parm(f, arg);
+        case VIDIOC_S_PARM:
+            return parm(f, arg);
         case UVCIOC_CTRL_QUERY:
             if (xu_ == nullptr || f.node != NodeKind::Capture) return -ENOTTY;
-            return xu_->query(*this, *static_cast<struct uvc_xu_control_query *>(arg));
-        default: break;
+            return xu_->query(*this, *static_cast<struct uvc_xu_control_query*>(arg));
+        default:
+            break;
     }
     // The rest belongs to the capture node's buffer queue.
     if (f.node != NodeKind::Capture) {
@@ -230,23 +244,32 @@ int Camera::ioctl(OpenFile &f, unsigned long request, void *arg) {
         return -EINVAL;  // the metadata queue is not modelled
     }
     switch (request) {
-        case VIDIOC_ENUM_FRAMESIZES: return enum_framesizes(f, arg);
-        case VIDIOC_ENUM_FRAMEINTERVALS: return enum_frameintervals(f, arg);
-        case VIDIOC_REQBUFS: return reqbufs(f, arg);
-        case VIDIOC_QUERYBUF: return querybuf(f, arg);
-        case VIDIOC_QBUF: return qbuf(f, arg);
-        case VIDIOC_DQBUF: return dqbuf(f, arg);
-        case VIDIOC_STREAMON: return streamon(f, arg);
-        case VIDIOC_STREAMOFF: return streamoff(f, arg);
-        default: return -ENOTTY;
+        case VIDIOC_ENUM_FRAMESIZES:
+            return enum_framesizes(f, arg);
+        case VIDIOC_ENUM_FRAMEINTERVALS:
+            return enum_frameintervals(f, arg);
+        case VIDIOC_REQBUFS:
+            return reqbufs(f, arg);
+        case VIDIOC_QUERYBUF:
+            return querybuf(f, arg);
+        case VIDIOC_QBUF:
+            return qbuf(f, arg);
+        case VIDIOC_DQBUF:
+            return dqbuf(f, arg);
+        case VIDIOC_STREAMON:
+            return streamon(f, arg);
+        case VIDIOC_STREAMOFF:
+            return streamoff(f, arg);
+        default:
+            return -ENOTTY;
     }
 }
 
-int Camera::querycap(OpenFile &f, void *arg) {
+int Camera::querycap(OpenFile& f, void* arg) {
     std::lock_guard<std::mutex> lk(mu_);
     int32_t err = 0;
     if (take_fault(KSSIM_FAULT_QUERYCAP_FAIL, &err)) return -(err > 0 ? err : EIO);
-    auto *cap = static_cast<struct v4l2_capability *>(arg);
+    auto* cap = static_cast<struct v4l2_capability*>(arg);
     std::memset(cap, 0, sizeof(*cap));
     copy_text(cap->driver, sizeof(cap->driver), "uvcvideo");
     copy_text(cap->card, sizeof(cap->card), cfg_.card);
@@ -254,13 +277,13 @@ int Camera::querycap(OpenFile &f, void *arg) {
     copy_text(cap->bus_info, sizeof(cap->bus_info), bus.c_str());
     cap->version = kKernelVersion;
     cap->device_caps = device_caps(f.node);
-    cap->capabilities = device_caps(NodeKind::Capture) | device_caps(NodeKind::Meta) |
-                        V4L2_CAP_DEVICE_CAPS;
+    cap->capabilities =
+        device_caps(NodeKind::Capture) | device_caps(NodeKind::Meta) | V4L2_CAP_DEVICE_CAPS;
     return 0;
 }
 
-int Camera::enum_fmt(OpenFile &f, void *arg) {
-    auto *d = static_cast<struct v4l2_fmtdesc *>(arg);
+int Camera::enum_fmt(OpenFile& f, void* arg) {
+    auto* d = static_cast<struct v4l2_fmtdesc*>(arg);
     const uint32_t index = d->index, type = d->type;
     if (index != 0) return -EINVAL;
     std::lock_guard<std::mutex> lk(mu_);
@@ -280,8 +303,8 @@ int Camera::enum_fmt(OpenFile &f, void *arg) {
     return 0;
 }
 
-int Camera::enum_framesizes(OpenFile &, void *arg) {
-    auto *s = static_cast<struct v4l2_frmsizeenum *>(arg);
+int Camera::enum_framesizes(OpenFile&, void* arg) {
+    auto* s = static_cast<struct v4l2_frmsizeenum*>(arg);
     std::lock_guard<std::mutex> lk(mu_);
     if (s->pixel_format != fourcc() || s->index >= cfg_.size_count) return -EINVAL;
     const uint32_t index = s->index, pf = s->pixel_format;
@@ -294,8 +317,8 @@ int Camera::enum_framesizes(OpenFile &, void *arg) {
     return 0;
 }
 
-int Camera::enum_frameintervals(OpenFile &, void *arg) {
-    auto *iv = static_cast<struct v4l2_frmivalenum *>(arg);
+int Camera::enum_frameintervals(OpenFile&, void* arg) {
+    auto* iv = static_cast<struct v4l2_frmivalenum*>(arg);
     std::lock_guard<std::mutex> lk(mu_);
     if (iv->pixel_format != fourcc() || iv->index != 0) return -EINVAL;
     bool found = false;
@@ -310,7 +333,7 @@ int Camera::enum_frameintervals(OpenFile &, void *arg) {
 }
 
 // Fills the reply of G_FMT/S_FMT/TRY_FMT for a capture type.
-static void fill_pix_format(struct v4l2_format *fmt, uint32_t width, uint32_t height,
+static void fill_pix_format(struct v4l2_format* fmt, uint32_t width, uint32_t height,
                             uint32_t pixelformat, uint32_t bytes_per_pixel) {
     const uint32_t type = fmt->type;
     const uint32_t bpl = width * bytes_per_pixel;
@@ -336,8 +359,8 @@ static void fill_pix_format(struct v4l2_format *fmt, uint32_t width, uint32_t he
     }
 }
 
-int Camera::get_fmt(OpenFile &f, void *arg) {
-    auto *fmt = static_cast<struct v4l2_format *>(arg);
+int Camera::get_fmt(OpenFile& f, void* arg) {
+    auto* fmt = static_cast<struct v4l2_format*>(arg);
     std::lock_guard<std::mutex> lk(mu_);
     if (f.node == NodeKind::Meta) {
         if (fmt->type != V4L2_BUF_TYPE_META_CAPTURE) return -EINVAL;
@@ -356,8 +379,8 @@ int Camera::get_fmt(OpenFile &f, void *arg) {
     return 0;
 }
 
-int Camera::set_fmt(OpenFile &f, void *arg, bool try_only) {
-    auto *fmt = static_cast<struct v4l2_format *>(arg);
+int Camera::set_fmt(OpenFile& f, void* arg, bool try_only) {
+    auto* fmt = static_cast<struct v4l2_format*>(arg);
     if (f.node == NodeKind::Meta) {
         if (fmt->type != V4L2_BUF_TYPE_META_CAPTURE) return -EINVAL;
         return get_fmt(f, arg);  // one fixed format
@@ -398,8 +421,8 @@ int Camera::set_fmt(OpenFile &f, void *arg, bool try_only) {
     return 0;
 }
 
-int Camera::parm(OpenFile &f, void *arg) {
-    auto *p = static_cast<struct v4l2_streamparm *>(arg);
+int Camera::parm(OpenFile& f, void* arg) {
+    auto* p = static_cast<struct v4l2_streamparm*>(arg);
     std::lock_guard<std::mutex> lk(mu_);
     if (f.node != NodeKind::Capture || !capture_type_ok(p->type)) return -EINVAL;
     // The frame rate is the sensors' (set through the control channel); a
@@ -416,7 +439,7 @@ int Camera::parm(OpenFile &f, void *arg) {
 
 // ---- buffer queue ---------------------------------------------------------------
 
-void Camera::stop_producer(std::unique_lock<std::mutex> &lk) {
+void Camera::stop_producer(std::unique_lock<std::mutex>& lk) {
     stop_ = true;
     cv_.notify_all();
     std::thread t = std::move(producer_);
@@ -426,19 +449,19 @@ void Camera::stop_producer(std::unique_lock<std::mutex> &lk) {
     stop_ = false;
 }
 
-void Camera::stream_off(std::unique_lock<std::mutex> &lk) {
+void Camera::stream_off(std::unique_lock<std::mutex>& lk) {
     if (streaming_) {
         streaming_ = false;
         stop_producer(lk);
     }
-    for (auto &b : bstate_) b = BufState{};
+    for (auto& b : bstate_) b = BufState{};
     queued_.clear();
     done_.clear();
     refresh_ready();
     cv_.notify_all();
 }
 
-void Camera::release_queue(std::unique_lock<std::mutex> &lk) {
+void Camera::release_queue(std::unique_lock<std::mutex>& lk) {
     stream_off(lk);
     bufs_.reset();
     bstate_.clear();
@@ -446,8 +469,8 @@ void Camera::release_queue(std::unique_lock<std::mutex> &lk) {
     buf_type_ = 0;
 }
 
-int Camera::reqbufs(OpenFile &f, void *arg) {
-    auto *r = static_cast<struct v4l2_requestbuffers *>(arg);
+int Camera::reqbufs(OpenFile& f, void* arg) {
+    auto* r = static_cast<struct v4l2_requestbuffers*>(arg);
     std::unique_lock<std::mutex> lk(mu_);
     if (!capture_type_ok(r->type) || r->memory != V4L2_MEMORY_MMAP) return -EINVAL;
     if (owner_ != nullptr && owner_ != &f) return -EBUSY;
@@ -467,10 +490,10 @@ int Camera::reqbufs(OpenFile &f, void *arg) {
     set->memfd = memfd_create("kssim-buffers", MFD_CLOEXEC);
     if (set->memfd < 0 || ftruncate(set->memfd, static_cast<off_t>(set->stride * grant)) != 0)
         return -ENOMEM;
-    void *base = ::mmap(nullptr, set->stride * grant, PROT_READ | PROT_WRITE, MAP_SHARED,
-                        set->memfd, 0);
+    void* base =
+        ::mmap(nullptr, set->stride * grant, PROT_READ | PROT_WRITE, MAP_SHARED, set->memfd, 0);
     if (base == MAP_FAILED) return -ENOMEM;
-    set->base = static_cast<uint8_t *>(base);
+    set->base = static_cast<uint8_t*>(base);
     set->mapped.reset(new std::atomic<uint32_t>[grant]);
     for (uint32_t i = 0; i < grant; ++i) set->mapped[i].store(0);
     bufs_ = set;
@@ -482,7 +505,7 @@ int Camera::reqbufs(OpenFile &f, void *arg) {
 }
 
 // Validates the buffer argument of QUERYBUF/QBUF/DQBUF (caller holds mu_).
-static int check_buffer_arg(const struct v4l2_buffer *b, uint32_t queue_type, bool need_index,
+static int check_buffer_arg(const struct v4l2_buffer* b, uint32_t queue_type, bool need_index,
                             uint32_t count) {
     if (b->type != queue_type) return -EINVAL;
     if (b->memory != V4L2_MEMORY_MMAP) return -EINVAL;
@@ -494,10 +517,11 @@ static int check_buffer_arg(const struct v4l2_buffer *b, uint32_t queue_type, bo
     return 0;
 }
 
-void Camera::fill_buffer(void *arg, uint32_t index) {
-    auto *b = static_cast<struct v4l2_buffer *>(arg);
-    const BufState &s = bstate_[index];
-    struct v4l2_plane *planes = b->type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE ? b->m.planes : nullptr;
+void Camera::fill_buffer(void* arg, uint32_t index) {
+    auto* b = static_cast<struct v4l2_buffer*>(arg);
+    const BufState& s = bstate_[index];
+    struct v4l2_plane* planes =
+        b->type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE ? b->m.planes : nullptr;
     const uint32_t type = b->type;
     std::memset(b, 0, sizeof(*b));
     b->index = index;
@@ -506,7 +530,8 @@ void Camera::fill_buffer(void *arg, uint32_t index) {
     b->field = V4L2_FIELD_NONE;
     b->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_SOE;
     if (bufs_->mapped[index].load() > 0) b->flags |= V4L2_BUF_FLAG_MAPPED;
-    if (s.state == BufState::Queued || s.state == BufState::Filling) b->flags |= V4L2_BUF_FLAG_QUEUED;
+    if (s.state == BufState::Queued || s.state == BufState::Filling)
+        b->flags |= V4L2_BUF_FLAG_QUEUED;
     if (s.state == BufState::Done) b->flags |= V4L2_BUF_FLAG_DONE;
     b->sequence = s.sequence;
     to_timeval(s.timestamp_ns, &b->timestamp);
@@ -526,8 +551,8 @@ void Camera::fill_buffer(void *arg, uint32_t index) {
     }
 }
 
-int Camera::querybuf(OpenFile &, void *arg) {
-    auto *b = static_cast<struct v4l2_buffer *>(arg);
+int Camera::querybuf(OpenFile&, void* arg) {
+    auto* b = static_cast<struct v4l2_buffer*>(arg);
     std::lock_guard<std::mutex> lk(mu_);
     if (bufs_ == nullptr) return -EINVAL;
     if (int e = check_buffer_arg(b, buf_type_, true, bufs_->count)) return e;
@@ -535,8 +560,8 @@ int Camera::querybuf(OpenFile &, void *arg) {
     return 0;
 }
 
-int Camera::qbuf(OpenFile &f, void *arg) {
-    auto *b = static_cast<struct v4l2_buffer *>(arg);
+int Camera::qbuf(OpenFile& f, void* arg) {
+    auto* b = static_cast<struct v4l2_buffer*>(arg);
     std::lock_guard<std::mutex> lk(mu_);
     if (owner_ != nullptr && owner_ != &f) return -EBUSY;
     if (bufs_ == nullptr) return -EINVAL;
@@ -550,8 +575,8 @@ int Camera::qbuf(OpenFile &f, void *arg) {
     return 0;
 }
 
-int Camera::dqbuf(OpenFile &f, void *arg) {
-    auto *b = static_cast<struct v4l2_buffer *>(arg);
+int Camera::dqbuf(OpenFile& f, void* arg) {
+    auto* b = static_cast<struct v4l2_buffer*>(arg);
     std::unique_lock<std::mutex> lk(mu_);
     if (f.instance != instance_ || !plugged()) return -ENODEV;
     if (owner_ != nullptr && owner_ != &f) return -EBUSY;
@@ -572,8 +597,8 @@ int Camera::dqbuf(OpenFile &f, void *arg) {
     return 0;
 }
 
-int Camera::streamon(OpenFile &f, void *arg) {
-    const uint32_t type = *static_cast<const uint32_t *>(arg);
+int Camera::streamon(OpenFile& f, void* arg) {
+    const uint32_t type = *static_cast<const uint32_t*>(arg);
     std::unique_lock<std::mutex> lk(mu_);
     if (!capture_type_ok(type)) return -EINVAL;
     if (owner_ != nullptr && owner_ != &f) return -EBUSY;
@@ -589,8 +614,8 @@ int Camera::streamon(OpenFile &f, void *arg) {
     return 0;
 }
 
-int Camera::streamoff(OpenFile &f, void *arg) {
-    const uint32_t type = *static_cast<const uint32_t *>(arg);
+int Camera::streamoff(OpenFile& f, void* arg) {
+    const uint32_t type = *static_cast<const uint32_t*>(arg);
     std::unique_lock<std::mutex> lk(mu_);
     if (!capture_type_ok(type)) return -EINVAL;
     if (owner_ != nullptr && owner_ != &f) return -EBUSY;
@@ -599,8 +624,8 @@ int Camera::streamoff(OpenFile &f, void *arg) {
     return 0;
 }
 
-void *Camera::map(OpenFile &f, void *addr, size_t length, int prot, int flags, off_t offset,
-                  std::shared_ptr<BufferSet> *set, uint32_t *index, int *err) {
+void* Camera::map(OpenFile& f, void* addr, size_t length, int prot, int flags, off_t offset,
+                  std::shared_ptr<BufferSet>* set, uint32_t* index, int* err) {
     std::lock_guard<std::mutex> ctl(ctl_mu_);
     std::lock_guard<std::mutex> lk(mu_);
     if (f.instance != instance_ || !plugged()) {
@@ -613,12 +638,11 @@ void *Camera::map(OpenFile &f, void *addr, size_t length, int prot, int flags, o
         return MAP_FAILED;
     }
     const size_t off = static_cast<size_t>(offset);
-    if (off % bufs_->stride != 0 || off / bufs_->stride >= bufs_->count ||
-        length > bufs_->stride) {
+    if (off % bufs_->stride != 0 || off / bufs_->stride >= bufs_->count || length > bufs_->stride) {
         *err = EINVAL;
         return MAP_FAILED;
     }
-    void *p = ::mmap(addr, length, prot, flags, bufs_->memfd, offset);
+    void* p = ::mmap(addr, length, prot, flags, bufs_->memfd, offset);
     if (p == MAP_FAILED) {
         *err = errno;
         return MAP_FAILED;
@@ -631,7 +655,7 @@ void *Camera::map(OpenFile &f, void *addr, size_t length, int prot, int flags, o
 
 // ---- producer ---------------------------------------------------------------------
 
-std::shared_ptr<const SourceFrame> Camera::frame_source(std::unique_lock<std::mutex> &lk) {
+std::shared_ptr<const SourceFrame> Camera::frame_source(std::unique_lock<std::mutex>& lk) {
     if (frame_ != nullptr) return frame_;
     const int w = width_, h = height_;
     const uint8_t ch = channel_;
@@ -655,7 +679,8 @@ void Camera::producer_main() {
     while (!stop_) {
         const int64_t now = world_.clock().mono_ns();
         if (now < next_due_ns_) {
-            const int64_t wait = std::max<int64_t>(world_.clock().to_real_ns(next_due_ns_ - now), 1000);
+            const int64_t wait =
+                std::max<int64_t>(world_.clock().to_real_ns(next_due_ns_ - now), 1000);
             cv_.wait_for(lk, std::chrono::nanoseconds(std::min<int64_t>(wait, 200000000)));
             continue;
         }
@@ -681,14 +706,15 @@ void Camera::producer_main() {
 Camera::FrameStamp Camera::next_stamp() {
     FrameStamp st;
     st.id = frame_id_;
-    if (!take_fault(KSSIM_FAULT_FROZEN_FRAME_ID, nullptr)) frame_id_ = (frame_id_ + 1) & kFrameIdMask;
+    if (!take_fault(KSSIM_FAULT_FROZEN_FRAME_ID, nullptr))
+        frame_id_ = (frame_id_ + 1) & kFrameIdMask;
     int32_t marker = 0;
     st.bad_marker = take_fault(KSSIM_FAULT_BAD_MARKER, &marker);
     st.marker = static_cast<uint8_t>(marker);
     return st;
 }
 
-size_t Camera::write_frame(uint8_t *dst, size_t size, const SourceFrame &src, const FrameStamp &st,
+size_t Camera::write_frame(uint8_t* dst, size_t size, const SourceFrame& src, const FrameStamp& st,
                            uint64_t ts_us) const {
     const size_t n = std::min(size, src.bytes.size());
     std::memcpy(dst, src.bytes.data(), n);
@@ -699,7 +725,7 @@ size_t Camera::write_frame(uint8_t *dst, size_t size, const SourceFrame &src, co
     return n;
 }
 
-void Camera::emit_frame(std::unique_lock<std::mutex> &lk, int64_t due_ns) {
+void Camera::emit_frame(std::unique_lock<std::mutex>& lk, int64_t due_ns) {
     if (take_fault(KSSIM_FAULT_STALL, nullptr)) return;
     std::shared_ptr<const SourceFrame> src = frame_source(lk);
     if (stop_) return;
@@ -723,7 +749,7 @@ void Camera::emit_frame(std::unique_lock<std::mutex> &lk, int64_t due_ns) {
         ++stats_.frames_dropped;  // the queue went away meanwhile
         return;
     }
-    BufState &b = bstate_[index];
+    BufState& b = bstate_[index];
     b.state = BufState::Done;
     b.bytesused = static_cast<uint32_t>(n);
     b.sequence = seq;
@@ -734,7 +760,7 @@ void Camera::emit_frame(std::unique_lock<std::mutex> &lk, int64_t due_ns) {
     cv_.notify_all();
 }
 
-long Camera::produce_frame(uint8_t *dst, size_t size) {
+long Camera::produce_frame(uint8_t* dst, size_t size) {
     std::lock_guard<std::mutex> ctl(ctl_mu_);
     std::unique_lock<std::mutex> lk(mu_);
     const size_t need = sizeimage();
@@ -780,7 +806,7 @@ double Camera::frame_rate() const {
     return cfg_.fps;
 }
 
-int Camera::set_scene(const kssim_scene &scene) {
+int Camera::set_scene(const kssim_scene& scene) {
     if (scene.kind != KSSIM_SCENE_WALL && scene.kind != KSSIM_SCENE_ROOM &&
         scene.kind != KSSIM_SCENE_BACKLIT)
         return -1;
@@ -797,7 +823,7 @@ void Camera::set_extension_unit(std::unique_ptr<ExtensionUnit> unit) {
     xu_ = std::move(unit);
 }
 
-int Camera::true_distance(uint32_t x, uint32_t y, double *mm) {
+int Camera::true_distance(uint32_t x, uint32_t y, double* mm) {
     std::shared_ptr<const Scene> scene;
     int w, h;
     double bxf, baseline;
@@ -818,26 +844,26 @@ int Camera::true_distance(uint32_t x, uint32_t y, double *mm) {
 // ---- faults and plugging ------------------------------------------------------------
 
 bool Camera::fault_on(kssim_fault_kind kind) {
-    Fault &f = faults_[kind];
+    Fault& f = faults_[kind];
     if (f.active && f.until_ns != 0 && world_.clock().mono_ns() >= f.until_ns) f.active = false;
     return f.active;
 }
 
-bool Camera::take_fault(kssim_fault_kind kind, int32_t *value) {
+bool Camera::take_fault(kssim_fault_kind kind, int32_t* value) {
     if (!fault_on(kind)) return false;
-    Fault &f = faults_[kind];
+    Fault& f = faults_[kind];
     if (value != nullptr) *value = f.value;
     if (f.by_count && --f.left == 0) f.active = false;
     return true;
 }
 
-int Camera::inject_fault(const kssim_fault_spec &in) {
+int Camera::inject_fault(const kssim_fault_spec& in) {
     // The kind comes from a C caller: read it as a number before trusting it.
     int kind = 0;
     static_assert(sizeof(kind) == sizeof(in.kind), "enum size");
     std::memcpy(&kind, &in.kind, sizeof(kind));
     if (kind < 0 || kind >= KSSIM_FAULT_KIND_COUNT) return -1;
-    const kssim_fault_spec &spec = in;
+    const kssim_fault_spec& spec = in;
     if (spec.kind == KSSIM_FAULT_FEWER_BUFFERS && (spec.value < 0 || spec.value > 32)) return -1;
     if (spec.kind == KSSIM_FAULT_BAD_MARKER && (spec.value < 0 || spec.value > 255)) return -1;
     if ((spec.kind == KSSIM_FAULT_S_FMT_FAIL || spec.kind == KSSIM_FAULT_G_FMT_FAIL ||
@@ -854,13 +880,12 @@ int Camera::inject_fault(const kssim_fault_spec &in) {
     }
     std::lock_guard<std::mutex> ctl(ctl_mu_);
     std::lock_guard<std::mutex> lk(mu_);
-    Fault &f = faults_[spec.kind];
+    Fault& f = faults_[spec.kind];
     f.active = true;
     f.by_count = spec.count > 0;
     f.left = spec.count;
-    f.until_ns = spec.duration_ms > 0
-                     ? world_.clock().mono_ns() + int64_t{spec.duration_ms} * 1000000
-                     : 0;
+    f.until_ns =
+        spec.duration_ms > 0 ? world_.clock().mono_ns() + int64_t{spec.duration_ms} * 1000000 : 0;
     f.value = spec.value;
     return 0;
 }
@@ -875,18 +900,19 @@ int Camera::clear_fault(kssim_fault_kind kind) {
 }
 
 bool Camera::fault_active(kssim_fault_kind kind) {
-    if (static_cast<int>(kind) < 0 || static_cast<int>(kind) >= KSSIM_FAULT_KIND_COUNT) return false;
+    if (static_cast<int>(kind) < 0 || static_cast<int>(kind) >= KSSIM_FAULT_KIND_COUNT)
+        return false;
     if (kind == KSSIM_FAULT_UNPLUG) return !plugged();
     std::lock_guard<std::mutex> lk(mu_);
     return fault_on(kind);
 }
 
-void Camera::unplug_locked(std::unique_lock<std::mutex> &lk) {
+void Camera::unplug_locked(std::unique_lock<std::mutex>& lk) {
     plugged_.store(false, std::memory_order_release);
     // The queue dies with the device; descriptors stay open but dead.
     streaming_ = false;
     stop_producer(lk);
-    for (auto &b : bstate_) b = BufState{};
+    for (auto& b : bstate_) b = BufState{};
     queued_.clear();
     done_.clear();
     bufs_.reset();
@@ -912,7 +938,7 @@ int Camera::replug() {
     replug_at_ns_.store(0, std::memory_order_release);
     if (plugged()) return 0;
     power_on();
-    for (auto &f : faults_) f = Fault{};
+    for (auto& f : faults_) f = Fault{};
     plugged_.store(true, std::memory_order_release);
     return 0;
 }

@@ -39,7 +39,7 @@ enum class NodeKind { Capture = 0, Meta = 1 };
 // readability mirrors the node's poll state.
 struct OpenFile {
     int fd = -1;
-    Camera *camera = nullptr;
+    Camera* camera = nullptr;
     NodeKind node = NodeKind::Capture;
     uint64_t instance = 0;  // the plug-in instance it was opened on
     bool nonblock = false;
@@ -49,21 +49,21 @@ struct OpenFile {
 // The extension unit behind UVCIOC_CTRL_QUERY (the controller's message
 // channel). Without one the request is unknown to the node.
 class ExtensionUnit {
-public:
+  public:
     virtual ~ExtensionUnit() = default;
     // 0 or a negative errno.
-    virtual int query(Camera &camera, struct uvc_xu_control_query &q) = 0;
+    virtual int query(Camera& camera, struct uvc_xu_control_query& q) = 0;
 };
 
 // Buffer memory: one memfd holding every buffer of a REQBUFS, so that each
 // host mapping is a real shared mapping that outlives the queue.
 struct BufferSet {
     BufferSet() = default;
-    BufferSet(const BufferSet &) = delete;
-    BufferSet &operator=(const BufferSet &) = delete;
+    BufferSet(const BufferSet&) = delete;
+    BufferSet& operator=(const BufferSet&) = delete;
     ~BufferSet();
     int memfd = -1;
-    uint8_t *base = nullptr;  // the device's own mapping of the whole set
+    uint8_t* base = nullptr;  // the device's own mapping of the whole set
     size_t buf_size = 0;      // sizeimage
     size_t stride = 0;        // page-aligned distance between buffers (and offsets)
     uint32_t count = 0;
@@ -79,37 +79,35 @@ struct Fault {
 };
 
 class Camera {
-public:
+  public:
     enum class Kind { Stereo, Webcam };
 
-    Camera(World &world, Kind kind, const kssim_camera_config &cfg, int video_index, int port,
-           const std::string &by_id_base);
+    Camera(World& world, Kind kind, const kssim_camera_config& cfg, int video_index, int port,
+           const std::string& by_id_base);
     ~Camera();
-    Camera(const Camera &) = delete;
-    Camera &operator=(const Camera &) = delete;
+    Camera(const Camera&) = delete;
+    Camera& operator=(const Camera&) = delete;
 
     // ---- identity and namespace
     Kind kind() const { return kind_; }
     int video_index() const { return video_index_; }
-    const std::string &node_path(NodeKind n) const { return node_path_[static_cast<int>(n)]; }
-    const std::string &by_path_name(NodeKind n) const { return by_path_[static_cast<int>(n)]; }
-    const std::string &by_id_name(NodeKind n) const { return by_id_[static_cast<int>(n)]; }
-    const std::string &by_path_link(NodeKind n) const {
-        return by_path_link_[static_cast<int>(n)];
-    }
-    const std::string &by_id_link(NodeKind n) const { return by_id_link_[static_cast<int>(n)]; }
+    const std::string& node_path(NodeKind n) const { return node_path_[static_cast<int>(n)]; }
+    const std::string& by_path_name(NodeKind n) const { return by_path_[static_cast<int>(n)]; }
+    const std::string& by_id_name(NodeKind n) const { return by_id_[static_cast<int>(n)]; }
+    const std::string& by_path_link(NodeKind n) const { return by_path_link_[static_cast<int>(n)]; }
+    const std::string& by_id_link(NodeKind n) const { return by_id_link_[static_cast<int>(n)]; }
     kssim_camera_config config() const;
     bool plugged() const { return plugged_.load(std::memory_order_acquire); }
 
     // ---- node layer (called by the world's backend)
-    void attach(const std::shared_ptr<OpenFile> &f);
-    void detach(OpenFile &f);
-    int ioctl(OpenFile &f, unsigned long request, void *arg);  // 0 or -errno
+    void attach(const std::shared_ptr<OpenFile>& f);
+    void detach(OpenFile& f);
+    int ioctl(OpenFile& f, unsigned long request, void* arg);  // 0 or -errno
     // Maps buffer memory for a host mmap; on failure MAP_FAILED and *err.
-    void *map(OpenFile &f, void *addr, size_t length, int prot, int flags, off_t offset,
-              std::shared_ptr<BufferSet> *set, uint32_t *index, int *err);
+    void* map(OpenFile& f, void* addr, size_t length, int prot, int flags, off_t offset,
+              std::shared_ptr<BufferSet>* set, uint32_t* index, int* err);
     // The node's poll state: readable (data or error) and error (not streaming, gone).
-    void poll_state(const OpenFile &f, bool *readable, bool *error);
+    void poll_state(const OpenFile& f, bool* readable, bool* error);
     uint64_t instance_now() const;
 
     // ---- settings
@@ -117,13 +115,13 @@ public:
     uint8_t output_channel() const;
     int set_frame_rate(double fps);
     double frame_rate() const;
-    int set_scene(const kssim_scene &scene);
+    int set_scene(const kssim_scene& scene);
     void set_extension_unit(std::unique_ptr<ExtensionUnit> unit);
     // Ground truth at the current output size.
-    int true_distance(uint32_t x, uint32_t y, double *mm);
+    int true_distance(uint32_t x, uint32_t y, double* mm);
 
     // ---- faults, plugging, statistics
-    int inject_fault(const kssim_fault_spec &spec);
+    int inject_fault(const kssim_fault_spec& spec);
     int clear_fault(kssim_fault_kind kind);
     bool fault_active(kssim_fault_kind kind);
     int unplug();
@@ -131,11 +129,11 @@ public:
     // Replugs when a timed unplug has run out.
     void tick(int64_t now_ns);
     kssim_camera_stats stats();
-    long produce_frame(uint8_t *dst, size_t size);
+    long produce_frame(uint8_t* dst, size_t size);
     // Wakes the producer to re-plan its wait (warp changed).
     void wake();
 
-private:
+  private:
     struct BufState {
         enum State { Dequeued, Queued, Filling, Done } state = Dequeued;
         uint32_t bytesused = 0;
@@ -144,33 +142,33 @@ private:
     };
 
     // requests
-    int querycap(OpenFile &f, void *arg);
-    int enum_fmt(OpenFile &f, void *arg);
-    int enum_framesizes(OpenFile &f, void *arg);
-    int enum_frameintervals(OpenFile &f, void *arg);
-    int get_fmt(OpenFile &f, void *arg);
-    int set_fmt(OpenFile &f, void *arg, bool try_only);
-    int reqbufs(OpenFile &f, void *arg);
-    int querybuf(OpenFile &f, void *arg);
-    int qbuf(OpenFile &f, void *arg);
-    int dqbuf(OpenFile &f, void *arg);
-    int streamon(OpenFile &f, void *arg);
-    int streamoff(OpenFile &f, void *arg);
-    int parm(OpenFile &f, void *arg);
+    int querycap(OpenFile& f, void* arg);
+    int enum_fmt(OpenFile& f, void* arg);
+    int enum_framesizes(OpenFile& f, void* arg);
+    int enum_frameintervals(OpenFile& f, void* arg);
+    int get_fmt(OpenFile& f, void* arg);
+    int set_fmt(OpenFile& f, void* arg, bool try_only);
+    int reqbufs(OpenFile& f, void* arg);
+    int querybuf(OpenFile& f, void* arg);
+    int qbuf(OpenFile& f, void* arg);
+    int dqbuf(OpenFile& f, void* arg);
+    int streamon(OpenFile& f, void* arg);
+    int streamoff(OpenFile& f, void* arg);
+    int parm(OpenFile& f, void* arg);
 
     bool capture_type_ok(uint32_t type) const;
     uint32_t device_caps(NodeKind n) const;
     uint32_t fourcc() const;
     uint32_t bytes_per_pixel() const;
     size_t sizeimage() const;
-    void fill_buffer(void *arg, uint32_t index);  // caller holds mu_
+    void fill_buffer(void* arg, uint32_t index);  // caller holds mu_
 
     // queue and producer (caller holds mu_ through lk)
-    void stop_producer(std::unique_lock<std::mutex> &lk);
-    void stream_off(std::unique_lock<std::mutex> &lk);
-    void release_queue(std::unique_lock<std::mutex> &lk);
+    void stop_producer(std::unique_lock<std::mutex>& lk);
+    void stream_off(std::unique_lock<std::mutex>& lk);
+    void release_queue(std::unique_lock<std::mutex>& lk);
     void refresh_ready();  // caller holds mu_
-    void poll_state_locked(const OpenFile &f, bool *readable, bool *error) const;
+    void poll_state_locked(const OpenFile& f, bool* readable, bool* error) const;
     void producer_main();
     struct FrameStamp {
         uint64_t id = 0;
@@ -178,16 +176,16 @@ private:
         uint8_t marker = 0;
     };
     FrameStamp next_stamp();
-    size_t write_frame(uint8_t *dst, size_t size, const SourceFrame &src, const FrameStamp &st,
+    size_t write_frame(uint8_t* dst, size_t size, const SourceFrame& src, const FrameStamp& st,
                        uint64_t ts_us) const;
-    void emit_frame(std::unique_lock<std::mutex> &lk, int64_t due_ns);
-    std::shared_ptr<const SourceFrame> frame_source(std::unique_lock<std::mutex> &lk);
-    bool take_fault(kssim_fault_kind kind, int32_t *value);  // caller holds mu_
+    void emit_frame(std::unique_lock<std::mutex>& lk, int64_t due_ns);
+    std::shared_ptr<const SourceFrame> frame_source(std::unique_lock<std::mutex>& lk);
+    bool take_fault(kssim_fault_kind kind, int32_t* value);  // caller holds mu_
     bool fault_on(kssim_fault_kind kind);                    // caller holds mu_
-    void unplug_locked(std::unique_lock<std::mutex> &lk);
+    void unplug_locked(std::unique_lock<std::mutex>& lk);
     void power_on();  // caller holds mu_
 
-    World &world_;
+    World& world_;
     const Kind kind_;
     const int video_index_;
     const int port_;
@@ -213,7 +211,7 @@ private:
 
     // queue
     std::vector<std::shared_ptr<OpenFile>> files_;
-    OpenFile *owner_ = nullptr;
+    OpenFile* owner_ = nullptr;
     uint32_t buf_type_ = 0;
     std::shared_ptr<BufferSet> bufs_;
     std::vector<BufState> bstate_;

@@ -62,7 +62,9 @@ void VirtualClock::set_warp(double warp) {
     base_.pristine = base_.pristine && warp == 1.0;
 }
 
-double VirtualClock::warp() const { return base().warp; }
+double VirtualClock::warp() const {
+    return base().warp;
+}
 
 int64_t VirtualClock::mono_ns() const {
     const Base b = base();
@@ -81,9 +83,11 @@ int64_t VirtualClock::to_real_ns(int64_t virtual_ns) const {
     return scale(virtual_ns, 1.0 / base().warp);
 }
 
-int64_t VirtualClock::to_virtual_ns(int64_t real_ns) const { return scale(real_ns, base().warp); }
+int64_t VirtualClock::to_virtual_ns(int64_t real_ns) const {
+    return scale(real_ns, base().warp);
+}
 
-int VirtualClock::gettimeofday(struct timeval *tv) const {
+int VirtualClock::gettimeofday(struct timeval* tv) const {
     if (tv == nullptr) return 0;
     if (base().pristine) return ::gettimeofday(tv, nullptr);
     const int64_t ns = real_ns();
@@ -92,7 +96,7 @@ int VirtualClock::gettimeofday(struct timeval *tv) const {
     return 0;
 }
 
-int VirtualClock::clock_gettime(clockid_t id, struct timespec *ts) const {
+int VirtualClock::clock_gettime(clockid_t id, struct timespec* ts) const {
     if (base().pristine) return ::clock_gettime(id, ts);
     if (ts == nullptr) {
         errno = EFAULT;

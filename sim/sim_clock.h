@@ -12,7 +12,7 @@
 namespace kssim {
 
 class VirtualClock {
-public:
+  public:
     VirtualClock();
 
     // Changes the warp without a jump of the virtual clock. warp > 0.
@@ -29,19 +29,19 @@ public:
     int64_t to_virtual_ns(int64_t real_ns) const;
 
     // Seam operations.
-    int gettimeofday(struct timeval *tv) const;
-    int clock_gettime(clockid_t id, struct timespec *ts) const;
+    int gettimeofday(struct timeval* tv) const;
+    int clock_gettime(clockid_t id, struct timespec* ts) const;
     int usleep(useconds_t usec) const;
     unsigned int sleep(unsigned int seconds) const;
 
-private:
+  private:
     static int64_t host_ns(clockid_t id);
     struct Base {
         int64_t real_mono;  // host monotonic at the last rebase
         int64_t virt_mono;  // virtual monotonic at that moment
         int64_t virt_real;  // virtual realtime at that moment
         double warp;
-        bool pristine;      // warp never changed from 1: pass through
+        bool pristine;  // warp never changed from 1: pass through
     };
     Base base() const;
     mutable std::mutex mu_;

@@ -7,27 +7,28 @@ namespace kssim {
 
 namespace {
 
-void write_stereo_constants(uint8_t *frame, double bxf, double baseline) {
-    const uint32_t base = static_cast<uint32_t>(
-        std::clamp(std::llround(baseline * 128.0), 0ll, 0xFFFFll));
+void write_stereo_constants(uint8_t* frame, double bxf, double baseline) {
+    const uint32_t base =
+        static_cast<uint32_t>(std::clamp(std::llround(baseline * 128.0), 0ll, 0xFFFFll));
     put_word(frame, 16, static_cast<uint16_t>(base >> 4));
     put_word(frame, 17, static_cast<uint16_t>((base & 0x0F) << 8));
-    const uint32_t bf = static_cast<uint32_t>(
-        std::clamp(std::llround(bxf * 4096.0), 0ll, 0xFFFFFFFFll));
+    const uint32_t bf =
+        static_cast<uint32_t>(std::clamp(std::llround(bxf * 4096.0), 0ll, 0xFFFFFFFFll));
     put_word(frame, 18, static_cast<uint16_t>((bf >> 28) & 0x0F));
     put_word(frame, 19, static_cast<uint16_t>((bf >> 16) & 0xFFF));
     put_word(frame, 20, static_cast<uint16_t>((bf >> 4) & 0xFFF));
     put_word(frame, 21, static_cast<uint16_t>((bf & 0x0F) << 8));
 }
 
-void compute_statistics(const std::vector<uint16_t> &luma12, int w, int h, uint16_t out[5]) {
+void compute_statistics(const std::vector<uint16_t>& luma12, int w, int h, uint16_t out[5]) {
     uint64_t sum = 0, centre_sum = 0, centre_n = 0;
     uint32_t bright = 0, dark = 0, peak = 0;
     for (int y = 0; y < h; ++y) {
         const bool centre_row = y >= h / 4 && y < h - h / 4;
         for (int x = 0; x < w; ++x) {
-            const uint32_t l = luma12[static_cast<size_t>(y) * static_cast<size_t>(w) +
-                                      static_cast<size_t>(x)] >> 4;
+            const uint32_t l =
+                luma12[static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x)] >>
+                4;
             sum += l;
             if (l >= 250) ++bright;
             if (l <= 16) ++dark;
@@ -49,7 +50,7 @@ void compute_statistics(const std::vector<uint16_t> &luma12, int w, int h, uint1
 
 // Five 16-bit values, 80 bits, into the 12-bit words M35..M41 (the low
 // nibble of M41 stays 0).
-void write_statistics(uint8_t *frame, const uint16_t s[5]) {
+void write_statistics(uint8_t* frame, const uint16_t s[5]) {
     uint16_t words[7] = {0, 0, 0, 0, 0, 0, 0};
     int bit = 0;  // bits written so far, counted from the top of M35
     for (int i = 0; i < 5; ++i) {
@@ -67,7 +68,7 @@ bool is_known_channel(uint8_t channel) {
            channel == KSSIM_CHANNEL_ORIGIN_DISPARITY || channel == KSSIM_CHANNEL_RGBD;
 }
 
-std::shared_ptr<SourceFrame> encode_frame(const SceneView &view, uint8_t channel) {
+std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel) {
     auto out = std::make_shared<SourceFrame>();
     const int w = view.width, h = view.height;
     out->width = w;
@@ -81,12 +82,12 @@ std::shared_ptr<SourceFrame> encode_frame(const SceneView &view, uint8_t channel
     if (channel == KSSIM_CHANNEL_ORIGIN_DISPARITY) raw_disparity(view, disparity);
     const size_t cw = static_cast<size_t>(w / 2);
     for (int y = 0; y < h; ++y) {
-        uint8_t *line = out->bytes.data() + static_cast<size_t>(y) * static_cast<size_t>(w) * 3;
-        const std::vector<uint8_t> &chroma = (y % 2 == 0) ? view.u_a : view.v_a;
+        uint8_t* line = out->bytes.data() + static_cast<size_t>(y) * static_cast<size_t>(w) * 3;
+        const std::vector<uint8_t>& chroma = (y % 2 == 0) ? view.u_a : view.v_a;
         const size_t crow = static_cast<size_t>(y / 2) * cw;
         for (int x = 0; x < w; ++x) {
-            const size_t i = static_cast<size_t>(y) * static_cast<size_t>(w) +
-                             static_cast<size_t>(x);
+            const size_t i =
+                static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x);
             const uint16_t a12 = view.luma_a[i];
             uint8_t n = 0;
             if (channel == KSSIM_CHANNEL_ORIGIN_PAIR) {
@@ -109,7 +110,7 @@ std::shared_ptr<SourceFrame> encode_frame(const SceneView &view, uint8_t channel
             pack_pixel(line + 3 * x, static_cast<uint8_t>(a12 >> 4), n, v);
         }
     }
-    uint8_t *meta = out->bytes.data();
+    uint8_t* meta = out->bytes.data();
     put_word(meta, 0, kMarkerM0);
     put_word(meta, 1, kMarkerM1);
     write_stereo_constants(meta, view.bxf, view.baseline);
@@ -119,7 +120,7 @@ std::shared_ptr<SourceFrame> encode_frame(const SceneView &view, uint8_t channel
     return out;
 }
 
-void stamp_frame(uint8_t *frame, size_t size, uint64_t frame_id, uint64_t timestamp_us) {
+void stamp_frame(uint8_t* frame, size_t size, uint64_t frame_id, uint64_t timestamp_us) {
     if (size < static_cast<size_t>(kMetaWords) * 3) return;
     frame_id &= kFrameIdMask;
     timestamp_us &= kTimestampMask;

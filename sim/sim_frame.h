@@ -41,19 +41,19 @@ namespace kssim {
 constexpr uint16_t kMarkerM0 = 0xACE;
 constexpr uint16_t kMarkerM1 = 0xBED;
 constexpr int kDisparityLag = 3;  // lines between an image row and its disparity
-constexpr int kMetaWords = 42;     // words the camera fills in the metadata line
+constexpr int kMetaWords = 42;    // words the camera fills in the metadata line
 constexpr uint64_t kFrameIdMask = (1ull << 36) - 1;
 constexpr uint64_t kTimestampMask = (1ull << 48) - 1;
 
-inline void pack_pixel(uint8_t *p, uint8_t y, uint8_t n, uint16_t v) {
+inline void pack_pixel(uint8_t* p, uint8_t y, uint8_t n, uint16_t v) {
     p[0] = static_cast<uint8_t>(v & 0xFF);
     p[1] = static_cast<uint8_t>(((n & 0x0F) << 4) | ((v >> 8) & 0x0F));
     p[2] = y;
 }
 
 // Sets the 12-bit value of pixel k of line 0, keeping its luma and nibble.
-inline void put_word(uint8_t *frame, int k, uint16_t v) {
-    uint8_t *p = frame + 3 * k;
+inline void put_word(uint8_t* frame, int k, uint16_t v) {
+    uint8_t* p = frame + 3 * k;
     p[0] = static_cast<uint8_t>(v & 0xFF);
     p[1] = static_cast<uint8_t>((p[1] & 0xF0) | ((v >> 8) & 0x0F));
 }
@@ -69,10 +69,10 @@ struct SourceFrame {
 
 // Encodes one channel of a rendered view, with the static part of the
 // metadata line (markers, stereo constants, channel code, statistics).
-std::shared_ptr<SourceFrame> encode_frame(const SceneView &view, uint8_t channel);
+std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel);
 
 // Writes the per-frame words: frame id (M23..M25) and timestamp (M26..M29).
-void stamp_frame(uint8_t *frame, size_t size, uint64_t frame_id, uint64_t timestamp_us);
+void stamp_frame(uint8_t* frame, size_t size, uint64_t frame_id, uint64_t timestamp_us);
 
 // A flat YUYV frame (what the generic webcam sends).
 std::shared_ptr<SourceFrame> flat_yuyv_frame(int width, int height);

@@ -13,7 +13,9 @@ constexpr double kWallDistance = 1500.0;
 constexpr double kRoomDistance = 3000.0;
 constexpr double kBacklitDistance = 4000.0;
 
-double smooth(double t) { return t * t * (3.0 - 2.0 * t); }
+double smooth(double t) {
+    return t * t * (3.0 - 2.0 * t);
+}
 
 }  // namespace
 
@@ -24,19 +26,25 @@ uint64_t mix64(uint64_t x) {
     return x ^ (x >> 31);
 }
 
-kssim_scene Scene::normalized(const kssim_scene &desc) {
+kssim_scene Scene::normalized(const kssim_scene& desc) {
     kssim_scene s = desc;
     if (!(s.distance_mm > 0)) {
         switch (s.kind) {
-            case KSSIM_SCENE_ROOM: s.distance_mm = kRoomDistance; break;
-            case KSSIM_SCENE_BACKLIT: s.distance_mm = kBacklitDistance; break;
-            default: s.distance_mm = kWallDistance; break;
+            case KSSIM_SCENE_ROOM:
+                s.distance_mm = kRoomDistance;
+                break;
+            case KSSIM_SCENE_BACKLIT:
+                s.distance_mm = kBacklitDistance;
+                break;
+            default:
+                s.distance_mm = kWallDistance;
+                break;
         }
     }
     return s;
 }
 
-int Scene::add_material(const Material &m) {
+int Scene::add_material(const Material& m) {
     materials_.push_back(m);
     return static_cast<int>(materials_.size()) - 1;
 }
@@ -64,7 +72,7 @@ void Scene::add_box(const double lo[3], const double hi[3], int material) {
     prims_.push_back(p);
 }
 
-Scene::Scene(const kssim_scene &desc) : desc_(normalized(desc)) {
+Scene::Scene(const kssim_scene& desc) : desc_(normalized(desc)) {
     const double d = desc_.distance_mm;
     const double all_lo[3] = {-kInf, -kInf, -kInf};
     const double all_hi[3] = {kInf, kInf, kInf};
@@ -100,7 +108,7 @@ Scene::Scene(const kssim_scene &desc) : desc_(normalized(desc)) {
             const int floor = add_material({45, 35, 7, 132, 124, false});
             const int figure = add_material({38, 30, 6, 120, 140, false});
             add_plane(Kind::PlaneZ, d, all_lo, all_hi, wall);
-            Prim &w = prims_.back();
+            Prim& w = prims_.back();
             w.has_window = true;
             w.win_lo[0] = -0.30 * d;
             w.win_hi[0] = 0.30 * d;
@@ -123,7 +131,7 @@ Scene::Scene(const kssim_scene &desc) : desc_(normalized(desc)) {
     }
 }
 
-double Scene::texture(const Material &m, double s, double t) const {
+double Scene::texture(const Material& m, double s, double t) const {
     auto noise = [&](double x, double y, uint64_t octave) {
         const double fx = std::floor(x), fy = std::floor(y);
         const int64_t ix = static_cast<int64_t>(fx), iy = static_cast<int64_t>(fy);
@@ -145,10 +153,10 @@ double Scene::texture(const Material &m, double s, double t) const {
 
 Hit Scene::cast(double ox, double dx, double dy) const {
     double best = kInf;
-    const Prim *hit_prim = nullptr;
+    const Prim* hit_prim = nullptr;
     double hs = 0, ht = 0;  // surface coordinates of the best hit
     double hx = 0, hy = 0;
-    for (const Prim &p : prims_) {
+    for (const Prim& p : prims_) {
         double t = kInf, s = 0, u = 0;
         switch (p.kind) {
             case Kind::PlaneZ: {
@@ -223,7 +231,7 @@ Hit Scene::cast(double ox, double dx, double dy) const {
     Hit h;
     if (hit_prim == nullptr) return h;
     h.z = best;
-    const Material &m = materials_[static_cast<size_t>(hit_prim->material)];
+    const Material& m = materials_[static_cast<size_t>(hit_prim->material)];
     if (hit_prim->has_window && hx >= hit_prim->win_lo[0] && hx <= hit_prim->win_hi[0] &&
         hy >= hit_prim->win_lo[1] && hy <= hit_prim->win_hi[1]) {
         h.luma = 255;
@@ -247,14 +255,14 @@ uint16_t disparity_units(double bxf, double z) {
     return static_cast<uint16_t>(v);
 }
 
-double true_depth(const Scene &scene, int width, int height, double bxf, double baseline, double x,
+double true_depth(const Scene& scene, int width, int height, double bxf, double baseline, double x,
                   double y) {
     const double f = bxf / baseline;
     const double cx = (width - 1) / 2.0, cy = (height - 1) / 2.0;
     return scene.cast(0, (x - cx) / f, (y - cy) / f).z;
 }
 
-std::shared_ptr<SceneView> render_view(const Scene &scene, int width, int height, double bxf,
+std::shared_ptr<SceneView> render_view(const Scene& scene, int width, int height, double bxf,
                                        double baseline) {
     auto view = std::make_shared<SceneView>();
     view->width = width;
@@ -276,8 +284,8 @@ std::shared_ptr<SceneView> render_view(const Scene &scene, int width, int height
         const double dy = (y - cy) / f;
         for (int x = 0; x < width; ++x) {
             const double dx = (x - cx) / f;
-            const size_t i = static_cast<size_t>(y) * static_cast<size_t>(width) +
-                             static_cast<size_t>(x);
+            const size_t i =
+                static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
             const Hit a = scene.cast(0, dx, dy);
             const Hit b = scene.cast(baseline, dx, dy);
             view->luma_a[i] = static_cast<uint16_t>(std::min(4095.0, std::round(a.luma * 16)));
@@ -302,7 +310,7 @@ std::shared_ptr<SceneView> render_view(const Scene &scene, int width, int height
     return view;
 }
 
-void processed_disparity(const SceneView &view, std::vector<uint16_t> &out) {
+void processed_disparity(const SceneView& view, std::vector<uint16_t>& out) {
     const size_t n = view.depth_a.size();
     out.assign(n, 0);
     for (size_t i = 0; i < n; ++i) {
@@ -311,14 +319,14 @@ void processed_disparity(const SceneView &view, std::vector<uint16_t> &out) {
     }
 }
 
-void raw_disparity(const SceneView &view, std::vector<uint16_t> &out) {
+void raw_disparity(const SceneView& view, std::vector<uint16_t>& out) {
     const int w = view.width, h = view.height;
     out.assign(view.depth_a.size(), 0);
     const uint64_t seed = static_cast<uint64_t>(view.seed) << 32;
     for (int y = 0; y < h; ++y) {
         for (int x = 0; x < w; ++x) {
-            const size_t i = static_cast<size_t>(y) * static_cast<size_t>(w) +
-                             static_cast<size_t>(x);
+            const size_t i =
+                static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x);
             if (view.flags_a[i] & (kPixelWindow | kPixelTextureless)) continue;
             const float z = view.depth_a[i];
             const uint16_t d = disparity_units(view.bxf, z);
@@ -332,11 +340,16 @@ void raw_disparity(const SceneView &view, std::vector<uint16_t> &out) {
             if (zr > 0 && zr < z * 0.97f) continue;
             const double r = unit_random(seed ^ (i * 0x2545F4914F6CDD1Dull) ^ 0x5EED);
             int noise = 0;
-            if (r < 0.05) noise = -2;
-            else if (r < 0.25) noise = -1;
-            else if (r < 0.75) noise = 0;
-            else if (r < 0.95) noise = 1;
-            else noise = 2;
+            if (r < 0.05)
+                noise = -2;
+            else if (r < 0.25)
+                noise = -1;
+            else if (r < 0.75)
+                noise = 0;
+            else if (r < 0.95)
+                noise = 1;
+            else
+                noise = 2;
             out[i] = static_cast<uint16_t>(std::clamp(d + noise, 1, 4095));
         }
     }

@@ -17,11 +17,11 @@
 namespace kssim {
 
 struct Material {
-    double luma;       // mean luma, 0..255
-    double texture;    // luma amplitude of the texture (0: flat surface)
-    double scale_mm;   // size of the finest texture feature
-    uint8_t u, v;      // chroma
-    bool window;       // a bright opening: saturated, no texture
+    double luma;      // mean luma, 0..255
+    double texture;   // luma amplitude of the texture (0: flat surface)
+    double scale_mm;  // size of the finest texture feature
+    uint8_t u, v;     // chroma
+    bool window;      // a bright opening: saturated, no texture
 };
 
 struct Hit {
@@ -33,21 +33,21 @@ struct Hit {
 };
 
 class Scene {
-public:
-    explicit Scene(const kssim_scene &desc);
+  public:
+    explicit Scene(const kssim_scene& desc);
 
     // Casts the ray of direction (dx, dy, 1) from (ox, 0, 0).
     Hit cast(double ox, double dx, double dy) const;
-    const kssim_scene &desc() const { return desc_; }
+    const kssim_scene& desc() const { return desc_; }
 
     // Scene defaults filled in (distance 0 -> the preset's distance).
-    static kssim_scene normalized(const kssim_scene &desc);
+    static kssim_scene normalized(const kssim_scene& desc);
 
-private:
+  private:
     enum class Kind { PlaneX, PlaneY, PlaneZ, Box };
     struct Prim {
         Kind kind;
-        double at;         // plane coordinate
+        double at;            // plane coordinate
         double lo[3], hi[3];  // bounds (planes: the extent; box: its corners)
         int material;
         bool has_window;
@@ -55,8 +55,8 @@ private:
     };
     void add_plane(Kind kind, double at, const double lo[3], const double hi[3], int material);
     void add_box(const double lo[3], const double hi[3], int material);
-    int add_material(const Material &m);
-    double texture(const Material &m, double s, double t) const;
+    int add_material(const Material& m);
+    double texture(const Material& m, double s, double t) const;
 
     kssim_scene desc_;
     std::vector<Prim> prims_;
@@ -73,28 +73,28 @@ enum : uint8_t {
 struct SceneView {
     int width = 0, height = 0;
     double bxf = 0, baseline = 0;
-    std::vector<uint16_t> luma_a;  // 12-bit luma of sensor A
-    std::vector<uint16_t> luma_b;  // 12-bit luma of sensor B
-    std::vector<uint8_t> u_a, v_a; // I420 chroma of sensor A, (width/2) x (height/2)
-    std::vector<float> depth_a;    // depth per pixel of sensor A (0: none)
-    std::vector<float> depth_b;    // depth per pixel of sensor B
+    std::vector<uint16_t> luma_a;   // 12-bit luma of sensor A
+    std::vector<uint16_t> luma_b;   // 12-bit luma of sensor B
+    std::vector<uint8_t> u_a, v_a;  // I420 chroma of sensor A, (width/2) x (height/2)
+    std::vector<float> depth_a;     // depth per pixel of sensor A (0: none)
+    std::vector<float> depth_b;     // depth per pixel of sensor B
     std::vector<uint8_t> flags_a;
     uint32_t seed = 0;
 };
 
-std::shared_ptr<SceneView> render_view(const Scene &scene, int width, int height, double bxf,
+std::shared_ptr<SceneView> render_view(const Scene& scene, int width, int height, double bxf,
                                        double baseline);
 
 // Depth of pixel (x, y) of sensor A, by casting its ray (no rendering).
-double true_depth(const Scene &scene, int width, int height, double bxf, double baseline, double x,
+double true_depth(const Scene& scene, int width, int height, double bxf, double baseline, double x,
                   double y);
 
 // round(32 x bxf / z) when within 1..4095, else 0.
 uint16_t disparity_units(double bxf, double z);
 
 // Disparity planes of the two disparity channels, image rows, width x height.
-void processed_disparity(const SceneView &view, std::vector<uint16_t> &out);
-void raw_disparity(const SceneView &view, std::vector<uint16_t> &out);
+void processed_disparity(const SceneView& view, std::vector<uint16_t>& out);
+void raw_disparity(const SceneView& view, std::vector<uint16_t>& out);
 
 // Deterministic hash-based random numbers.
 uint64_t mix64(uint64_t x);

@@ -18,15 +18,15 @@ namespace kssim {
 
 namespace {
 
-constexpr const char *kV4lDir = "/dev/v4l";
-constexpr const char *kByPathDir = "/dev/v4l/by-path";
-constexpr const char *kByIdDir = "/dev/v4l/by-id";
+constexpr const char* kV4lDir = "/dev/v4l";
+constexpr const char* kByPathDir = "/dev/v4l/by-path";
+constexpr const char* kByIdDir = "/dev/v4l/by-id";
 constexpr unsigned kVideoMajor = 81;
 
-std::atomic<World *> g_installed{nullptr};
+std::atomic<World*> g_installed{nullptr};
 
 // Lexical normalisation of an absolute path: no ".", "..", or repeated '/'.
-std::string normalize(const std::string &abs) {
+std::string normalize(const std::string& abs) {
     std::vector<std::string> parts;
     size_t i = 0;
     while (i < abs.size()) {
@@ -42,12 +42,12 @@ std::string normalize(const std::string &abs) {
         i = j + 1;
     }
     std::string out;
-    for (const auto &p : parts) out += "/" + p;
+    for (const auto& p : parts) out += "/" + p;
     return out.empty() ? "/" : out;
 }
 
-struct dirent *make_dirent(const std::string &name, unsigned char type, long index) {
-    auto *d = static_cast<struct dirent *>(std::calloc(1, sizeof(struct dirent)));
+struct dirent* make_dirent(const std::string& name, unsigned char type, long index) {
+    auto* d = static_cast<struct dirent*>(std::calloc(1, sizeof(struct dirent)));
     if (d == nullptr) return nullptr;
     d->d_ino = static_cast<ino_t>(1000 + index);
     d->d_off = index + 1;
@@ -59,69 +59,69 @@ struct dirent *make_dirent(const std::string &name, unsigned char type, long ind
 
 // ---- the backend: the seam's table, routed to the installed world -----------------
 
-World *world() {
-    World *w = g_installed.load(std::memory_order_acquire);
+World* world() {
+    World* w = g_installed.load(std::memory_order_acquire);
     if (w != nullptr) w->tick();
     return w;
 }
 
-int be_open(const char *path, int flags, mode_t mode) {
-    World *w = world();
+int be_open(const char* path, int flags, mode_t mode) {
+    World* w = world();
     return w ? w->open(path, flags, mode) : ::open(path, flags, mode);
 }
 int be_close(int fd) {
-    World *w = world();
+    World* w = world();
     return w ? w->close(fd) : ::close(fd);
 }
-int be_ioctl(int fd, unsigned long request, void *arg) {
-    World *w = world();
+int be_ioctl(int fd, unsigned long request, void* arg) {
+    World* w = world();
     return w ? w->ioctl(fd, request, arg) : ::ioctl(fd, request, arg);
 }
-void *be_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset) {
-    World *w = world();
+void* be_mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) {
+    World* w = world();
     return w ? w->mmap(addr, length, prot, flags, fd, offset)
              : ::mmap(addr, length, prot, flags, fd, offset);
 }
-int be_munmap(void *addr, size_t length) {
-    World *w = world();
+int be_munmap(void* addr, size_t length) {
+    World* w = world();
     return w ? w->munmap(addr, length) : ::munmap(addr, length);
 }
-int be_select(int nfds, fd_set *r, fd_set *wr, fd_set *e, struct timeval *timeout) {
-    World *w = world();
+int be_select(int nfds, fd_set* r, fd_set* wr, fd_set* e, struct timeval* timeout) {
+    World* w = world();
     return w ? w->select(nfds, r, wr, e, timeout) : ::select(nfds, r, wr, e, timeout);
 }
-int be_stat(const char *path, struct stat *st) {
-    World *w = world();
+int be_stat(const char* path, struct stat* st) {
+    World* w = world();
     return w ? w->stat(path, st) : ::stat(path, st);
 }
-int be_scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter_fn filter,
+int be_scandir(const char* dir, struct dirent*** namelist, ks_scandir_filter_fn filter,
                ks_scandir_compar_fn compar) {
-    World *w = world();
+    World* w = world();
     return w ? w->scandir(dir, namelist, filter, compar) : ::scandir(dir, namelist, filter, compar);
 }
-char *be_realpath(const char *path, char *resolved) {
-    World *w = world();
+char* be_realpath(const char* path, char* resolved) {
+    World* w = world();
     return w ? w->realpath(path, resolved) : ::realpath(path, resolved);
 }
 int be_usleep(useconds_t usec) {
-    World *w = world();
+    World* w = world();
     return w ? w->clock().usleep(usec) : ::usleep(usec);
 }
 unsigned int be_sleep(unsigned int seconds) {
-    World *w = world();
+    World* w = world();
     return w ? w->clock().sleep(seconds) : ::sleep(seconds);
 }
-int be_gettimeofday(struct timeval *tv, void *) {
-    World *w = world();
+int be_gettimeofday(struct timeval* tv, void*) {
+    World* w = world();
     return w ? w->clock().gettimeofday(tv) : ::gettimeofday(tv, nullptr);
 }
-int be_clock_gettime(clockid_t id, struct timespec *ts) {
-    World *w = world();
+int be_clock_gettime(clockid_t id, struct timespec* ts) {
+    World* w = world();
     return w ? w->clock().clock_gettime(id, ts) : ::clock_gettime(id, ts);
 }
 
 const ks_platform_ops kBackend = {
-    be_open,   be_close,    be_ioctl,  be_mmap,  be_munmap,        be_select,       be_stat,
+    be_open,    be_close,    be_ioctl,  be_mmap,  be_munmap,       be_select,        be_stat,
     be_scandir, be_realpath, be_usleep, be_sleep, be_gettimeofday, be_clock_gettime,
 };
 
@@ -129,14 +129,14 @@ const ks_platform_ops kBackend = {
 
 // ---- frame cache ---------------------------------------------------------------------
 
-std::shared_ptr<const SourceFrame> FrameCache::get(const kssim_scene &scene, int width, int height,
+std::shared_ptr<const SourceFrame> FrameCache::get(const kssim_scene& scene, int width, int height,
                                                    double bxf, double baseline, uint8_t channel) {
     const kssim_scene s = Scene::normalized(scene);
     const ViewKey vk{static_cast<int>(s.kind), s.distance_mm, s.seed, width, height, bxf, baseline};
     std::lock_guard<std::mutex> lk(mu_);
     auto fit = frames_.find({vk, channel});
     if (fit != frames_.end()) return fit->second;
-    std::shared_ptr<SceneView> &view = views_[vk];
+    std::shared_ptr<SceneView>& view = views_[vk];
     if (view == nullptr) view = render_view(Scene(s), width, height, bxf, baseline);
     std::shared_ptr<const SourceFrame> frame = encode_frame(*view, channel);
     frames_[{vk, channel}] = frame;
@@ -152,10 +152,10 @@ World::~World() {
     std::vector<std::shared_ptr<OpenFile>> open;
     {
         std::lock_guard<std::mutex> lk(mu_);
-        for (auto &kv : files_) open.push_back(kv.second);
+        for (auto& kv : files_) open.push_back(kv.second);
         files_.clear();
     }
-    for (auto &f : open) {
+    for (auto& f : open) {
         f->camera->detach(*f);
         ::close(f->fd);
     }
@@ -171,12 +171,12 @@ World::~World() {
 void World::set_warp(double warp) {
     clock_.set_warp(warp);
     std::lock_guard<std::mutex> lk(mu_);
-    for (auto &c : cameras_) c->wake();
+    for (auto& c : cameras_) c->wake();
 }
 
-static std::string link_safe(const char *text) {
+static std::string link_safe(const char* text) {
     std::string out;
-    for (const char *p = text; *p != '\0'; ++p) {
+    for (const char* p = text; *p != '\0'; ++p) {
         const char c = *p;
         const bool keep = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                           (c >= '0' && c <= '9') || c == '.' || c == '-';
@@ -185,7 +185,7 @@ static std::string link_safe(const char *text) {
     return out;
 }
 
-Camera *World::add_camera(Camera::Kind kind, const kssim_camera_config &in) {
+Camera* World::add_camera(Camera::Kind kind, const kssim_camera_config& in) {
     kssim_camera_config cfg = in;
     cfg.serial[sizeof(cfg.serial) - 1] = '\0';
     cfg.card[sizeof(cfg.card) - 1] = '\0';
@@ -193,12 +193,12 @@ Camera *World::add_camera(Camera::Kind kind, const kssim_camera_config &in) {
     if (cfg.size_count < 1 || cfg.size_count > KSSIM_MAX_FRAME_SIZES) return nullptr;
     bool initial_found = false;
     for (uint32_t i = 0; i < cfg.size_count; ++i) {
-        const kssim_frame_size &s = cfg.sizes[i];
+        const kssim_frame_size& s = cfg.sizes[i];
         if (s.width < 2 * kMetaWords || s.width > 4096 || s.width % 2 != 0 || s.height < 8 ||
             s.height > 4096 || s.height % 2 != 0)
             return nullptr;
-        initial_found = initial_found || (s.width == cfg.initial_size.width &&
-                                          s.height == cfg.initial_size.height);
+        initial_found = initial_found ||
+                        (s.width == cfg.initial_size.width && s.height == cfg.initial_size.height);
     }
     if (!initial_found) return nullptr;
     if (!(cfg.fps > 0 && cfg.fps <= 1000)) return nullptr;
@@ -218,7 +218,7 @@ Camera *World::add_camera(Camera::Kind kind, const kssim_camera_config &in) {
 
     std::lock_guard<std::mutex> lk(mu_);
     auto taken = [&](int n) {
-        for (auto &c : cameras_)
+        for (auto& c : cameras_)
             if (n == c->video_index() || n == c->video_index() + 1) return true;
         return false;
     };
@@ -233,8 +233,7 @@ Camera *World::add_camera(Camera::Kind kind, const kssim_camera_config &in) {
     const std::string id_base = kind == Camera::Kind::Webcam
                                     ? "Generic_" + link_safe(cfg.card) + "_" + link_safe(cfg.serial)
                                     : "KS_" + link_safe(cfg.card) + "_" + link_safe(cfg.serial);
-    cameras_.push_back(
-        std::make_unique<Camera>(*this, kind, cfg, index, next_port_++, id_base));
+    cameras_.push_back(std::make_unique<Camera>(*this, kind, cfg, index, next_port_++, id_base));
     return cameras_.back().get();
 }
 
@@ -243,23 +242,23 @@ uint32_t World::camera_count() {
     return static_cast<uint32_t>(cameras_.size());
 }
 
-Camera *World::camera(uint32_t index) {
+Camera* World::camera(uint32_t index) {
     std::lock_guard<std::mutex> lk(mu_);
     return index < cameras_.size() ? cameras_[index].get() : nullptr;
 }
 
 void World::tick() {
-    std::vector<Camera *> cams;
+    std::vector<Camera*> cams;
     {
         std::lock_guard<std::mutex> lk(mu_);
-        for (auto &c : cameras_) cams.push_back(c.get());
+        for (auto& c : cameras_) cams.push_back(c.get());
     }
     const int64_t now = clock_.mono_ns();
-    for (Camera *c : cams) c->tick(now);
+    for (Camera* c : cams) c->tick(now);
 }
 
 int World::install() {
-    World *expected = nullptr;
+    World* expected = nullptr;
     if (!g_installed.compare_exchange_strong(expected, this, std::memory_order_acq_rel))
         return expected == this ? 0 : -1;
     if (ks_platform_install(&kBackend) != 0) {
@@ -276,7 +275,9 @@ int World::uninstall() {
     return 0;
 }
 
-World *World::installed() { return g_installed.load(std::memory_order_acquire); }
+World* World::installed() {
+    return g_installed.load(std::memory_order_acquire);
+}
 
 size_t World::live_mappings() {
     std::lock_guard<std::mutex> lk(mu_);
@@ -291,7 +292,7 @@ std::shared_ptr<OpenFile> World::file(int fd) {
 
 // ---- path namespace ---------------------------------------------------------------------
 
-World::Resolved World::resolve(const char *path) {
+World::Resolved World::resolve(const char* path) {
     Resolved r;
     std::string abs = path;
     if (abs.empty() || abs[0] != '/') {
@@ -303,7 +304,7 @@ World::Resolved World::resolve(const char *path) {
     r.path = p;
     std::lock_guard<std::mutex> lk(mu_);
     bool any_plugged = false;
-    for (auto &c : cameras_) {
+    for (auto& c : cameras_) {
         any_plugged = any_plugged || c->plugged();
         for (int n = 0; n < 2; ++n) {
             const NodeKind node = static_cast<NodeKind>(n);
@@ -325,7 +326,7 @@ World::Resolved World::resolve(const char *path) {
         r.kind = PathKind::Dir;
         return r;
     }
-    for (auto &c : cameras_) {
+    for (auto& c : cameras_) {
         if (!c->plugged()) continue;
         for (int n = 0; n < 2; ++n) {
             const NodeKind node = static_cast<NodeKind>(n);
@@ -341,7 +342,7 @@ World::Resolved World::resolve(const char *path) {
     return r;
 }
 
-std::vector<std::pair<std::string, unsigned char>> World::dir_entries(const std::string &dir) {
+std::vector<std::pair<std::string, unsigned char>> World::dir_entries(const std::string& dir) {
     std::vector<std::pair<std::string, unsigned char>> out;
     out.emplace_back(".", DT_DIR);
     out.emplace_back("..", DT_DIR);
@@ -352,7 +353,7 @@ std::vector<std::pair<std::string, unsigned char>> World::dir_entries(const std:
     }
     const bool by_path = dir == kByPathDir;
     std::lock_guard<std::mutex> lk(mu_);
-    for (auto &c : cameras_) {
+    for (auto& c : cameras_) {
         if (!c->plugged()) continue;
         for (int n = 0; n < 2; ++n) {
             const NodeKind node = static_cast<NodeKind>(n);
@@ -362,17 +363,23 @@ std::vector<std::pair<std::string, unsigned char>> World::dir_entries(const std:
     return out;
 }
 
-int World::open(const char *path, int flags, mode_t mode) {
+int World::open(const char* path, int flags, mode_t mode) {
     if (path == nullptr) {
         errno = EFAULT;
         return -1;
     }
     const Resolved r = resolve(path);
     switch (r.kind) {
-        case PathKind::NotOurs: return ::open(path, flags, mode);
-        case PathKind::Missing: errno = ENOENT; return -1;
-        case PathKind::Dir: errno = EACCES; return -1;  // listed through scandir only
-        case PathKind::Node: break;
+        case PathKind::NotOurs:
+            return ::open(path, flags, mode);
+        case PathKind::Missing:
+            errno = ENOENT;
+            return -1;
+        case PathKind::Dir:
+            errno = EACCES;
+            return -1;  // listed through scandir only
+        case PathKind::Node:
+            break;
     }
     if ((flags & O_CREAT) && (flags & O_EXCL)) {
         errno = EEXIST;
@@ -408,7 +415,7 @@ int World::close(int fd) {
     return ::close(fd);
 }
 
-int World::ioctl(int fd, unsigned long request, void *arg) {
+int World::ioctl(int fd, unsigned long request, void* arg) {
     std::shared_ptr<OpenFile> f = file(fd);
     if (f == nullptr) return ::ioctl(fd, request, arg);
     const int r = f->camera->ioctl(*f, request, arg);
@@ -419,13 +426,13 @@ int World::ioctl(int fd, unsigned long request, void *arg) {
     return r;
 }
 
-void *World::mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset) {
+void* World::mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) {
     std::shared_ptr<OpenFile> f = (flags & MAP_ANONYMOUS) ? nullptr : file(fd);
     if (f == nullptr) return ::mmap(addr, length, prot, flags, fd, offset);
     std::shared_ptr<BufferSet> set;
     uint32_t index = 0;
     int err = 0;
-    void *p = f->camera->map(*f, addr, length, prot, flags, offset, &set, &index, &err);
+    void* p = f->camera->map(*f, addr, length, prot, flags, offset, &set, &index, &err);
     if (p == MAP_FAILED) {
         errno = err;
         return MAP_FAILED;
@@ -435,7 +442,7 @@ void *World::mmap(void *addr, size_t length, int prot, int flags, int fd, off_t 
     return p;
 }
 
-int World::munmap(void *addr, size_t length) {
+int World::munmap(void* addr, size_t length) {
     {
         std::lock_guard<std::mutex> lk(mu_);
         const uintptr_t lo = reinterpret_cast<uintptr_t>(addr);
@@ -448,8 +455,8 @@ int World::munmap(void *addr, size_t length) {
     return ::munmap(addr, length);
 }
 
-int World::select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
-                  struct timeval *timeout) {
+int World::select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds,
+                  struct timeval* timeout) {
     if (nfds < 0 || nfds > FD_SETSIZE) {
         errno = EINVAL;
         return -1;
@@ -470,7 +477,7 @@ int World::select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds
         }
     }
     struct timeval real_to {};
-    struct timeval *to = nullptr;
+    struct timeval* to = nullptr;
     if (!writable.empty()) {
         to = &real_to;  // already ready: just collect the others
     } else if (timeout != nullptr) {
@@ -478,7 +485,8 @@ int World::select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds
             errno = EINVAL;
             return -1;
         }
-        const int64_t ns = (static_cast<int64_t>(timeout->tv_sec) * 1000000 + timeout->tv_usec) * 1000;
+        const int64_t ns =
+            (static_cast<int64_t>(timeout->tv_sec) * 1000000 + timeout->tv_usec) * 1000;
         const int64_t real = clock_.to_real_ns(ns);
         real_to.tv_sec = static_cast<time_t>(real / 1000000000);
         real_to.tv_usec = static_cast<suseconds_t>((real % 1000000000) / 1000);
@@ -499,7 +507,7 @@ int World::select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds
     return n;
 }
 
-int World::stat(const char *path, struct stat *st) {
+int World::stat(const char* path, struct stat* st) {
     if (path == nullptr || st == nullptr) {
         errno = EFAULT;
         return -1;
@@ -512,7 +520,8 @@ int World::stat(const char *path, struct stat *st) {
     }
     std::memset(st, 0, sizeof(*st));
     const int64_t now = clock_.real_ns();
-    st->st_atim.tv_sec = st->st_mtim.tv_sec = st->st_ctim.tv_sec = static_cast<time_t>(now / 1000000000);
+    st->st_atim.tv_sec = st->st_mtim.tv_sec = st->st_ctim.tv_sec =
+        static_cast<time_t>(now / 1000000000);
     st->st_blksize = 4096;
     st->st_dev = makedev(0, 5);
     if (r.kind == PathKind::Dir) {
@@ -531,7 +540,7 @@ int World::stat(const char *path, struct stat *st) {
     return 0;
 }
 
-int World::scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter_fn filter,
+int World::scandir(const char* dir, struct dirent*** namelist, ks_scandir_filter_fn filter,
                    ks_scandir_compar_fn compar) {
     if (dir == nullptr || namelist == nullptr) {
         errno = EFAULT;
@@ -542,7 +551,7 @@ int World::scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter
     if (r.kind == PathKind::NotOurs) {
         if (r.path != "/dev") return ::scandir(dir, namelist, filter, compar);
         // /dev: the real listing plus the world's nodes.
-        struct dirent **real = nullptr;
+        struct dirent** real = nullptr;
         const int n = ::scandir(dir, &real, nullptr, nullptr);
         if (n < 0) return n;
         for (int i = 0; i < n; ++i) {
@@ -552,7 +561,7 @@ int World::scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter
         std::free(real);
         std::lock_guard<std::mutex> lk(mu_);
         bool any = false;
-        for (auto &c : cameras_) {
+        for (auto& c : cameras_) {
             if (!c->plugged()) continue;
             any = true;
             for (int k = 0; k < 2; ++k)
@@ -561,7 +570,7 @@ int World::scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter
         if (any) names.emplace_back("v4l", DT_DIR);
         std::sort(names.begin(), names.end());
         names.erase(std::unique(names.begin(), names.end(),
-                                [](const auto &a, const auto &b) { return a.first == b.first; }),
+                                [](const auto& a, const auto& b) { return a.first == b.first; }),
                     names.end());
     } else if (r.kind == PathKind::Missing) {
         errno = ENOENT;
@@ -572,12 +581,12 @@ int World::scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter
     } else {
         names = dir_entries(r.path);
     }
-    std::vector<struct dirent *> list;
+    std::vector<struct dirent*> list;
     long index = 0;
-    for (const auto &nm : names) {
-        struct dirent *d = make_dirent(nm.first, nm.second, index++);
+    for (const auto& nm : names) {
+        struct dirent* d = make_dirent(nm.first, nm.second, index++);
         if (d == nullptr) {
-            for (auto *p : list) std::free(p);
+            for (auto* p : list) std::free(p);
             errno = ENOMEM;
             return -1;
         }
@@ -588,13 +597,14 @@ int World::scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter
         list.push_back(d);
     }
     if (compar != nullptr) {
-        std::sort(list.begin(), list.end(), [&](const struct dirent *a, const struct dirent *b) {
+        std::sort(list.begin(), list.end(), [&](const struct dirent* a, const struct dirent* b) {
             return compar(&a, &b) < 0;
         });
     }
-    auto **out = static_cast<struct dirent **>(std::malloc(sizeof(struct dirent *) * (list.size() + 1)));
+    auto** out =
+        static_cast<struct dirent**>(std::malloc(sizeof(struct dirent*) * (list.size() + 1)));
     if (out == nullptr) {
-        for (auto *p : list) std::free(p);
+        for (auto* p : list) std::free(p);
         errno = ENOMEM;
         return -1;
     }
@@ -603,7 +613,7 @@ int World::scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter
     return static_cast<int>(list.size());
 }
 
-char *World::realpath(const char *path, char *resolved) {
+char* World::realpath(const char* path, char* resolved) {
     if (path == nullptr) {
         errno = EINVAL;
         return nullptr;

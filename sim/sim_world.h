@@ -32,11 +32,11 @@ namespace kssim {
 
 // Rendered views and encoded frames, shared by every camera of a world.
 class FrameCache {
-public:
-    std::shared_ptr<const SourceFrame> get(const kssim_scene &scene, int width, int height,
+  public:
+    std::shared_ptr<const SourceFrame> get(const kssim_scene& scene, int width, int height,
                                            double bxf, double baseline, uint8_t channel);
 
-private:
+  private:
     using ViewKey = std::tuple<int, double, uint32_t, int, int, double, double>;
     std::mutex mu_;
     std::map<ViewKey, std::shared_ptr<SceneView>> views_;
@@ -44,54 +44,54 @@ private:
 };
 
 class World {
-public:
+  public:
     World();
     ~World();
-    World(const World &) = delete;
-    World &operator=(const World &) = delete;
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
 
-    VirtualClock &clock() { return clock_; }
-    FrameCache &frames() { return frames_; }
+    VirtualClock& clock() { return clock_; }
+    FrameCache& frames() { return frames_; }
     void set_warp(double warp);
 
-    Camera *add_camera(Camera::Kind kind, const kssim_camera_config &cfg);
+    Camera* add_camera(Camera::Kind kind, const kssim_camera_config& cfg);
     uint32_t camera_count();
-    Camera *camera(uint32_t index);
+    Camera* camera(uint32_t index);
 
     // Runs timed events (replug after a timed unplug).
     void tick();
 
     // ---- the backend's operations (errno set as the C library does)
-    int open(const char *path, int flags, mode_t mode);
+    int open(const char* path, int flags, mode_t mode);
     int close(int fd);
-    int ioctl(int fd, unsigned long request, void *arg);
-    void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset);
-    int munmap(void *addr, size_t length);
-    int select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
-               struct timeval *timeout);
-    int stat(const char *path, struct stat *st);
-    int scandir(const char *dir, struct dirent ***namelist, ks_scandir_filter_fn filter,
+    int ioctl(int fd, unsigned long request, void* arg);
+    void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset);
+    int munmap(void* addr, size_t length);
+    int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds,
+               struct timeval* timeout);
+    int stat(const char* path, struct stat* st);
+    int scandir(const char* dir, struct dirent*** namelist, ks_scandir_filter_fn filter,
                 ks_scandir_compar_fn compar);
-    char *realpath(const char *path, char *resolved);
+    char* realpath(const char* path, char* resolved);
 
     // Installs the backend for this world (one world at a time).
     int install();
     int uninstall();
-    static World *installed();
+    static World* installed();
 
     // Host mappings of buffer memory still alive (for tests).
     size_t live_mappings();
 
-private:
+  private:
     enum class PathKind { NotOurs, Dir, Node, Missing };
     struct Resolved {
         PathKind kind = PathKind::NotOurs;
         std::string path;  // normalised (links followed)
-        Camera *camera = nullptr;
+        Camera* camera = nullptr;
         NodeKind node = NodeKind::Capture;
     };
-    Resolved resolve(const char *path);
-    std::vector<std::pair<std::string, unsigned char>> dir_entries(const std::string &dir);
+    Resolved resolve(const char* path);
+    std::vector<std::pair<std::string, unsigned char>> dir_entries(const std::string& dir);
     std::shared_ptr<OpenFile> file(int fd);
 
     struct Mapping {

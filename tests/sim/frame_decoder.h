@@ -19,14 +19,14 @@ struct Pixel {
 };
 
 class Frame {
-public:
-    Frame(const uint8_t *data, int width, int height) : d_(data), w_(width), h_(height) {}
+  public:
+    Frame(const uint8_t* data, int width, int height) : d_(data), w_(width), h_(height) {}
 
     int width() const { return w_; }
     int height() const { return h_; }
 
     Pixel at(int x, int line) const {
-        const uint8_t *p = d_ + 3 * (static_cast<size_t>(line) * w_ + x);
+        const uint8_t* p = d_ + 3 * (static_cast<size_t>(line) * w_ + x);
         return Pixel{p[2], static_cast<uint8_t>(p[1] >> 4),
                      static_cast<uint16_t>(((p[1] & 0x0F) << 8) | p[0])};
     }
@@ -44,9 +44,7 @@ public:
                ((static_cast<uint64_t>(word(27)) & 0xFFF) << 24) +
                ((static_cast<uint64_t>(word(28)) << 12) & 0xFFF000) + (word(29) & 0xFFF);
     }
-    double base() const {
-        return (word(16) * 16.0 + ((word(17) >> 8) & 0x0F)) / 128.0;
-    }
+    double base() const { return (word(16) * 16.0 + ((word(17) >> 8) & 0x0F)) / 128.0; }
     double bf() const {
         const uint32_t v = ((static_cast<uint32_t>(word(18)) & 0x0F) << 28) +
                            (static_cast<uint32_t>(word(19)) << 16) +
@@ -83,8 +81,8 @@ public:
         return sum / (static_cast<double>(w_) * h_);
     }
 
-private:
-    const uint8_t *d_;
+  private:
+    const uint8_t* d_;
     int w_, h_;
 };
 

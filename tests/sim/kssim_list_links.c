@@ -1,16 +1,16 @@
 /* Lists the V4L2 link directories through the platform seam, as a program
  * built on the driver library would see them: "<link> -> <node>". */
-#include <unistd.h> /* useconds_t, used by the seam header */
 #include <dirent.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h> /* useconds_t, used by the seam header */
 
 #include "common/ks_platform.h"
 
-static int list(const char *dir) {
-    struct dirent **names = NULL;
+static int list(const char* dir) {
+    struct dirent** names = NULL;
     const int n = ks_sys_scandir(dir, &names, NULL, alphasort);
     if (n < 0) {
         printf("%s: none\n", dir);

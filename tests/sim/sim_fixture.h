@@ -18,12 +18,12 @@
 
 namespace simtest {
 
-inline int xioctl(int fd, unsigned long request, void *arg) {
+inline int xioctl(int fd, unsigned long request, void* arg) {
     return ks_sys_ioctl(fd, request, arg);
 }
 
 // ioctl result as 0 or the errno it failed with.
-inline int ioctl_errno(int fd, unsigned long request, void *arg) {
+inline int ioctl_errno(int fd, unsigned long request, void* arg) {
     return xioctl(fd, request, arg) == 0 ? 0 : errno;
 }
 
@@ -34,7 +34,7 @@ inline int64_t virtual_now_us() {
 }
 
 class SimTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         world_ = kssim_world_create();
         ASSERT_NE(world_, nullptr);
@@ -45,21 +45,21 @@ protected:
         world_ = nullptr;
         EXPECT_EQ(ks_platform_default_ops(), ks_platform_ops_current());
     }
-    kssim_camera *add_camera(void (*tweak)(kssim_camera_config &) = nullptr) {
+    kssim_camera* add_camera(void (*tweak)(kssim_camera_config&) = nullptr) {
         kssim_camera_config cfg;
         kssim_camera_config_init(&cfg);
         if (tweak != nullptr) tweak(cfg);
         return kssim_world_add_camera(world_, &cfg);
     }
-    kssim_world *world_ = nullptr;
+    kssim_world* world_ = nullptr;
 };
 
 // A capture client doing what a V4L2 application does.
 class Capture {
-public:
+  public:
     ~Capture() { close(); }
 
-    bool open(const char *path, bool nonblock = true) {
+    bool open(const char* path, bool nonblock = true) {
         fd_ = ks_sys_open(path, O_RDWR | (nonblock ? O_NONBLOCK : 0), 0);
         return fd_ >= 0;
     }
@@ -67,7 +67,7 @@ public:
     uint32_t type() const { return type_; }
     void set_type(uint32_t t) { type_ = t; }
 
-    int set_format(uint32_t w, uint32_t h, v4l2_format *out = nullptr) {
+    int set_format(uint32_t w, uint32_t h, v4l2_format* out = nullptr) {
         v4l2_format f;
         std::memset(&f, 0, sizeof(f));
         f.type = type_;
@@ -107,9 +107,9 @@ public:
             if (xioctl(fd_, VIDIOC_QUERYBUF, &b) != 0) return -errno;
             const uint32_t off = mplane() ? planes[0].m.mem_offset : b.m.offset;
             const uint32_t len = mplane() ? planes[0].length : b.length;
-            void *p = ks_sys_mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, off);
+            void* p = ks_sys_mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, off);
             if (p == MAP_FAILED) return -errno;
-            maps_.push_back({static_cast<uint8_t *>(p), len});
+            maps_.push_back({static_cast<uint8_t*>(p), len});
         }
         return static_cast<int>(req.count);
     }
@@ -133,7 +133,7 @@ public:
         uint32_t t = type_;
         return ioctl_errno(fd_, VIDIOC_STREAMOFF, &t);
     }
-    int dequeue(v4l2_buffer &b) {
+    int dequeue(v4l2_buffer& b) {
         v4l2_plane planes[1];
         prepare(b, planes, 0);
         const int r = ioctl_errno(fd_, VIDIOC_DQBUF, &b);
@@ -155,7 +155,7 @@ public:
         return r < 0 ? -errno : r;
     }
     // Waits, dequeues, copies the frame, re-queues. 0 or errno (ETIMEDOUT).
-    int next_frame(std::vector<uint8_t> &out, v4l2_buffer *info = nullptr, long timeout_ms = 2000) {
+    int next_frame(std::vector<uint8_t>& out, v4l2_buffer* info = nullptr, long timeout_ms = 2000) {
         const int w = wait(timeout_ms);
         if (w == 0) return ETIMEDOUT;
         if (w < 0) return -w;
@@ -166,7 +166,7 @@ public:
         return queue(b.index);
     }
     void unmap() {
-        for (auto &m : maps_) ks_sys_munmap(m.first, m.second);
+        for (auto& m : maps_) ks_sys_munmap(m.first, m.second);
         maps_.clear();
     }
     void close() {
@@ -174,13 +174,13 @@ public:
         if (fd_ >= 0) ks_sys_close(fd_);
         fd_ = -1;
     }
-    uint8_t *buffer(uint32_t i) { return maps_[i].first; }
+    uint8_t* buffer(uint32_t i) { return maps_[i].first; }
     uint32_t width() const { return width_; }
     uint32_t height() const { return height_; }
 
-private:
+  private:
     bool mplane() const { return type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE; }
-    void prepare(v4l2_buffer &b, v4l2_plane *planes, uint32_t index) {
+    void prepare(v4l2_buffer& b, v4l2_plane* planes, uint32_t index) {
         std::memset(&b, 0, sizeof(b));
         b.type = type_;
         b.memory = V4L2_MEMORY_MMAP;
@@ -194,7 +194,7 @@ private:
     int fd_ = -1;
     uint32_t type_ = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     uint32_t width_ = 0, height_ = 0;
-    std::vector<std::pair<uint8_t *, size_t>> maps_;
+    std::vector<std::pair<uint8_t*, size_t>> maps_;
 };
 
 }  // namespace simtest

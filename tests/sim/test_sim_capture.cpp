@@ -17,20 +17,20 @@ using simtest::SimTest;
 namespace {
 
 class SimCapture : public SimTest {
-protected:
+  protected:
     void SetUp() override {
         SimTest::SetUp();
         ASSERT_EQ(0, kssim_world_set_warp(world_, 8.0));
         cam_ = add_camera();
         ASSERT_NE(cam_, nullptr);
     }
-    const char *node() { return kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE); }
+    const char* node() { return kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE); }
     kssim_camera_stats stats() {
         kssim_camera_stats s;
         EXPECT_EQ(0, kssim_camera_get_stats(cam_, &s));
         return s;
     }
-    kssim_camera *cam_ = nullptr;
+    kssim_camera* cam_ = nullptr;
 };
 
 }  // namespace
@@ -252,7 +252,7 @@ TEST_F(SimCapture, RequestsAreCheckedLikeTheKernelDriverDoes) {
     EXPECT_EQ(MAP_FAILED, ks_sys_mmap(nullptr, len, PROT_READ, MAP_SHARED, c.fd(), 1LL << 40));
     EXPECT_EQ(EINVAL, errno);
     // Another descriptor of the node may map the same buffer.
-    void *p = ks_sys_mmap(nullptr, len, PROT_READ, MAP_SHARED, d.fd(), 0);
+    void* p = ks_sys_mmap(nullptr, len, PROT_READ, MAP_SHARED, d.fd(), 0);
     ASSERT_NE(MAP_FAILED, p);
     EXPECT_EQ(0, ks_sys_munmap(p, len));
 
@@ -276,7 +276,7 @@ TEST_F(SimCapture, ClosingTheOwnerFreesTheQueueButMappingsStayReadable) {
     std::vector<uint8_t> frame;
     v4l2_buffer b;
     ASSERT_EQ(0, c.next_frame(frame, &b));
-    uint8_t *mem = c.buffer(b.index);
+    uint8_t* mem = c.buffer(b.index);
     const int fd = c.fd();
     ASSERT_EQ(0, ks_sys_close(fd));  // without unmapping
     EXPECT_EQ(0u, stats().streaming);
@@ -289,7 +289,7 @@ TEST_F(SimCapture, ClosingTheOwnerFreesTheQueueButMappingsStayReadable) {
 }
 
 TEST_F(SimCapture, MultiplanarCameraStreamsThroughPlaneArrays) {
-    kssim_camera *mp = add_camera([](kssim_camera_config &c) {
+    kssim_camera* mp = add_camera([](kssim_camera_config& c) {
         c.planes = KSSIM_PLANES_MULTI;
         c.sizes[0] = {640, 480};
         c.size_count = 1;
@@ -381,7 +381,7 @@ TEST_F(SimCapture, OutputChannelCanChangeWhileStreaming) {
 }
 
 TEST_F(SimCapture, StreamedFramesDecodeToTheSceneGroundTruth) {
-    kssim_camera *room = add_camera([](kssim_camera_config &c) {
+    kssim_camera* room = add_camera([](kssim_camera_config& c) {
         c.scene.kind = KSSIM_SCENE_ROOM;
         c.scene.distance_mm = 0;
         c.first_frame_id = 500;

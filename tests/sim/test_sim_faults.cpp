@@ -14,19 +14,19 @@ using simtest::SimTest;
 namespace {
 
 class SimFaults : public SimTest {
-protected:
+  protected:
     void SetUp() override {
         SimTest::SetUp();
         ASSERT_EQ(0, kssim_world_set_warp(world_, 8.0));
-        cam_ = add_camera([](kssim_camera_config &c) { c.initial_size = {640, 480}; });
+        cam_ = add_camera([](kssim_camera_config& c) { c.initial_size = {640, 480}; });
         ASSERT_NE(cam_, nullptr);
     }
-    const char *node() { return kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE); }
+    const char* node() { return kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE); }
     int inject(kssim_fault_kind kind, uint32_t count, uint32_t duration_ms = 0, int32_t value = 0) {
         const kssim_fault_spec spec = {kind, count, duration_ms, value};
         return kssim_camera_inject_fault(cam_, &spec);
     }
-    void start(Capture &c) {
+    void start(Capture& c) {
         ASSERT_TRUE(c.open(node()));
         ASSERT_EQ(0, c.set_format(640, 480));
         ASSERT_EQ(8, c.map_buffers(8));
@@ -34,8 +34,8 @@ protected:
         ASSERT_EQ(0, c.stream_on());
     }
     // Frame ids, first bytes and sequence numbers of the next n frames.
-    void frames(Capture &c, int n, std::vector<uint64_t> *ids, std::vector<int> *first,
-                std::vector<uint32_t> *seqs = nullptr) {
+    void frames(Capture& c, int n, std::vector<uint64_t>* ids, std::vector<int>* first,
+                std::vector<uint32_t>* seqs = nullptr) {
         std::vector<uint8_t> f;
         for (int i = 0; i < n; ++i) {
             v4l2_buffer b;
@@ -46,7 +46,7 @@ protected:
             if (seqs) seqs->push_back(b.sequence);
         }
     }
-    kssim_camera *cam_ = nullptr;
+    kssim_camera* cam_ = nullptr;
 };
 
 }  // namespace
@@ -135,7 +135,7 @@ TEST_F(SimFaults, StallStopsFramesForItsPeriodsAndTheIdsResumeInOrder) {
 
 TEST_F(SimFaults, BadMarkerAndFrozenIdLastTheirFrameCount) {
     std::vector<uint8_t> buf(640 * 480 * 3);
-    auto next = [&](uint64_t *id) {
+    auto next = [&](uint64_t* id) {
         EXPECT_EQ(static_cast<long>(buf.size()),
                   kssim_camera_produce_frame(cam_, buf.data(), buf.size()));
         *id = frame_test::Frame(buf.data(), 640, 480).frame_id();

@@ -15,8 +15,8 @@ namespace {
 constexpr int kW = 640, kH = 480;
 
 class SimFrames : public SimTest {
-protected:
-    kssim_camera *camera(kssim_scene_kind scene, uint8_t channel, uint32_t seed = 1,
+  protected:
+    kssim_camera* camera(kssim_scene_kind scene, uint8_t channel, uint32_t seed = 1,
                          double distance = 0) {
         kssim_camera_config cfg;
         kssim_camera_config_init(&cfg);
@@ -27,9 +27,10 @@ protected:
         cfg.output_channel = channel;
         return kssim_world_add_camera(world_, &cfg);
     }
-    std::vector<uint8_t> produce(kssim_camera *c) {
+    std::vector<uint8_t> produce(kssim_camera* c) {
         std::vector<uint8_t> buf(static_cast<size_t>(kW) * kH * 3);
-        EXPECT_EQ(static_cast<long>(buf.size()), kssim_camera_produce_frame(c, buf.data(), buf.size()));
+        EXPECT_EQ(static_cast<long>(buf.size()),
+                  kssim_camera_produce_frame(c, buf.data(), buf.size()));
         return buf;
     }
 };
@@ -40,7 +41,7 @@ struct DisparityCheck {
 };
 
 // Compares every disparity with round(32 x bxf / ground truth).
-DisparityCheck check_disparity(kssim_camera *cam, const Frame &f, int stride) {
+DisparityCheck check_disparity(kssim_camera* cam, const Frame& f, int stride) {
     DisparityCheck r;
     const double bf = f.bf();
     for (int row = 1; row < f.disparity_rows(); row += stride) {
@@ -66,7 +67,7 @@ DisparityCheck check_disparity(kssim_camera *cam, const Frame &f, int stride) {
 }  // namespace
 
 TEST_F(SimFrames, MetadataLineCarriesMarkersStereoConstantsChannelIdAndTime) {
-    kssim_camera *cam = add_camera([](kssim_camera_config &c) {
+    kssim_camera* cam = add_camera([](kssim_camera_config& c) {
         c.initial_size = {640, 480};
         c.bxf = 34567.875;
         c.baseline = 60.125;
@@ -98,7 +99,7 @@ TEST_F(SimFrames, MetadataLineCarriesMarkersStereoConstantsChannelIdAndTime) {
 }
 
 TEST_F(SimFrames, FrameIdIs36BitsAndWraps) {
-    kssim_camera *cam = add_camera([](kssim_camera_config &c) {
+    kssim_camera* cam = add_camera([](kssim_camera_config& c) {
         c.initial_size = {640, 480};
         c.first_frame_id = (1ull << 36) - 2;
     });
@@ -111,7 +112,7 @@ TEST_F(SimFrames, FrameIdIs36BitsAndWraps) {
 }
 
 TEST_F(SimFrames, ProcessedDisparityGivesTheGroundTruthDistance) {
-    kssim_camera *wall = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_RGBD, 1, 1500);
+    kssim_camera* wall = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_RGBD, 1, 1500);
     const std::vector<uint8_t> wb = produce(wall);
     const DisparityCheck w = check_disparity(wall, Frame(wb.data(), kW, kH), 1);
     EXPECT_EQ(w.total, w.valid);  // a textured wall in range: valid everywhere
@@ -125,12 +126,12 @@ TEST_F(SimFrames, ProcessedDisparityGivesTheGroundTruthDistance) {
     EXPECT_EQ(-1, kssim_camera_true_distance(wall, kW, 0, &gt));
     EXPECT_EQ(-1, kssim_camera_true_distance(wall, 0, kH, &gt));
 
-    kssim_camera *room = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_RGBD);
+    kssim_camera* room = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_RGBD);
     const std::vector<uint8_t> rb = produce(room);
     const DisparityCheck r = check_disparity(room, Frame(rb.data(), kW, kH), 2);
     EXPECT_EQ(r.valid, r.within1);
     EXPECT_GT(r.valid, r.total * 95 / 100);
-    EXPECT_GE(r.distances.size(), 8u);  // boxes, floor, ceiling and wall at many depths
+    EXPECT_GE(r.distances.size(), 8u);    // boxes, floor, ceiling and wall at many depths
     EXPECT_LE(*r.distances.begin(), 13);  // the nearest box at 1.2 m
 
     // A new scene is rendered at once.
@@ -141,20 +142,20 @@ TEST_F(SimFrames, ProcessedDisparityGivesTheGroundTruthDistance) {
 }
 
 TEST_F(SimFrames, RawDisparityHasNoiseHolesAndSpecklesFromAFixedSeed) {
-    kssim_camera *proc = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_RGBD);
-    kssim_camera *raw = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_ORIGIN_DISPARITY);
-    kssim_camera *raw2 = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_ORIGIN_DISPARITY);
-    kssim_camera *other = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_ORIGIN_DISPARITY, 7);
+    kssim_camera* proc = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_RGBD);
+    kssim_camera* raw = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_ORIGIN_DISPARITY);
+    kssim_camera* raw2 = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_ORIGIN_DISPARITY);
+    kssim_camera* other = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_ORIGIN_DISPARITY, 7);
     const std::vector<uint8_t> pb = produce(proc), rb = produce(raw), rb2 = produce(raw2),
                                ob = produce(other);
     const Frame p(pb.data(), kW, kH), f(rb.data(), kW, kH);
     EXPECT_EQ(KSSIM_CHANNEL_ORIGIN_DISPARITY, f.channel());
     const DisparityCheck r = check_disparity(raw, f, 1);
     const DisparityCheck q = check_disparity(proc, p, 1);
-    EXPECT_LT(r.valid, q.valid * 95 / 100);         // holes
-    EXPECT_GT(r.within2, r.valid * 90 / 100);       // most matches are close
-    EXPECT_LT(r.exact, r.within1 * 80 / 100);       // but a unit or two of noise
-    EXPECT_GT(r.speckle, 0);                        // and a few wrong patches
+    EXPECT_LT(r.valid, q.valid * 95 / 100);    // holes
+    EXPECT_GT(r.within2, r.valid * 90 / 100);  // most matches are close
+    EXPECT_LT(r.exact, r.within1 * 80 / 100);  // but a unit or two of noise
+    EXPECT_GT(r.speckle, 0);                   // and a few wrong patches
     EXPECT_LT(r.speckle, r.valid * 3 / 100);
 
     // Holes where the processed channel is valid: the plain box has none.
@@ -164,7 +165,7 @@ TEST_F(SimFrames, RawDisparityHasNoiseHolesAndSpecklesFromAFixedSeed) {
     EXPECT_GT(holes, static_cast<long>(kW) * kH / 100);
 
     // The same seed gives the same frame content; another seed another.
-    auto disparity_equal = [](const Frame &a, const Frame &b) {
+    auto disparity_equal = [](const Frame& a, const Frame& b) {
         for (int row = 1; row < a.disparity_rows(); ++row)
             for (int x = 0; x < a.width(); ++x)
                 if (a.disparity(x, row) != b.disparity(x, row)) return false;
@@ -175,8 +176,8 @@ TEST_F(SimFrames, RawDisparityHasNoiseHolesAndSpecklesFromAFixedSeed) {
 }
 
 TEST_F(SimFrames, PairChannelsCarryImageBShiftedByTheDisparity) {
-    kssim_camera *rect = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_RECTIFIED_PAIR, 3, 1500);
-    kssim_camera *orig = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_ORIGIN_PAIR, 3, 1500);
+    kssim_camera* rect = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_RECTIFIED_PAIR, 3, 1500);
+    kssim_camera* orig = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_ORIGIN_PAIR, 3, 1500);
     const std::vector<uint8_t> rb = produce(rect), ob = produce(orig);
     const Frame r(rb.data(), kW, kH), o(ob.data(), kW, kH);
     EXPECT_EQ(KSSIM_CHANNEL_RECTIFIED_PAIR, r.channel());
@@ -213,8 +214,8 @@ TEST_F(SimFrames, PairChannelsCarryImageBShiftedByTheDisparity) {
 }
 
 TEST_F(SimFrames, ChromaNibblesFormTheI420PlanesOfImageA) {
-    kssim_camera *wall = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_RGBD);
-    kssim_camera *room = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_RGBD);
+    kssim_camera* wall = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_RGBD);
+    kssim_camera* room = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_RGBD);
     const std::vector<uint8_t> wb = produce(wall), rb = produce(room);
     const Frame w(wb.data(), kW, kH), r(rb.data(), kW, kH);
     std::set<int> wu, wv, ru, rv;
@@ -239,10 +240,11 @@ TEST_F(SimFrames, ExposureStatisticsFollowImageBrightness) {
         uint32_t s[5];
         double mean;
         long bright;
-    } cases[] = {{KSSIM_SCENE_WALL, {}, 0, 0}, {KSSIM_SCENE_ROOM, {}, 0, 0},
+    } cases[] = {{KSSIM_SCENE_WALL, {}, 0, 0},
+                 {KSSIM_SCENE_ROOM, {}, 0, 0},
                  {KSSIM_SCENE_BACKLIT, {}, 0, 0}};
-    for (Case &c : cases) {
-        kssim_camera *cam = camera(c.scene, KSSIM_CHANNEL_RGBD);
+    for (Case& c : cases) {
+        kssim_camera* cam = camera(c.scene, KSSIM_CHANNEL_RGBD);
         const std::vector<uint8_t> buf = produce(cam);
         const Frame f(buf.data(), kW, kH);
         f.ae(c.s);
@@ -253,15 +255,15 @@ TEST_F(SimFrames, ExposureStatisticsFollowImageBrightness) {
         EXPECT_NEAR(c.mean * 128, c.s[0], c.mean * 128 * 0.01) << c.scene;
         EXPECT_NEAR(c.bright / 8.0, c.s[1], 2.0) << c.scene;
     }
-    EXPECT_EQ(0u, cases[0].s[1]);         // no saturated pixel on the wall
-    EXPECT_GT(cases[2].s[1], 1000u);      // the window
-    EXPECT_EQ(255u * 256, cases[2].s[4]); // peak luma saturated
+    EXPECT_EQ(0u, cases[0].s[1]);          // no saturated pixel on the wall
+    EXPECT_GT(cases[2].s[1], 1000u);       // the window
+    EXPECT_EQ(255u * 256, cases[2].s[4]);  // peak luma saturated
     EXPECT_LT(cases[2].s[4], 0x10000u);
     EXPECT_LT(cases[1].s[4], cases[2].s[4]);
 }
 
 TEST_F(SimFrames, WebcamSendsPlainYuyvFrames) {
-    kssim_camera *web = kssim_world_add_webcam(world_, "Integrated Webcam");
+    kssim_camera* web = kssim_world_add_webcam(world_, "Integrated Webcam");
     ASSERT_NE(web, nullptr);
     std::vector<uint8_t> small(100);
     EXPECT_EQ(-1, kssim_camera_produce_frame(web, small.data(), small.size()));

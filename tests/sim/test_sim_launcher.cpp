@@ -13,10 +13,10 @@ struct Result {
     std::vector<std::string> lines;
 };
 
-Result run(const std::string &args) {
+Result run(const std::string& args) {
     Result r;
     const std::string cmd = std::string(KSSIM_RUN) + " " + args + " 2>&1";
-    FILE *p = popen(cmd.c_str(), "r");
+    FILE* p = popen(cmd.c_str(), "r");
     if (p == nullptr) return r;
     char line[1024];
     while (fgets(line, sizeof(line), p) != nullptr) {
@@ -29,9 +29,9 @@ Result run(const std::string &args) {
     return r;
 }
 
-size_t count_with(const Result &r, const std::string &a, const std::string &b = "") {
+size_t count_with(const Result& r, const std::string& a, const std::string& b = "") {
     size_t n = 0;
-    for (const auto &l : r.lines)
+    for (const auto& l : r.lines)
         n += l.find(a) != std::string::npos && (b.empty() || l.find(b) != std::string::npos);
     return n;
 }

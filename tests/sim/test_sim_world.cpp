@@ -18,8 +18,8 @@ using simtest::SimTest;
 
 namespace {
 
-std::vector<std::string> list_dir(const char *dir, int *err = nullptr) {
-    struct dirent **names = nullptr;
+std::vector<std::string> list_dir(const char* dir, int* err = nullptr) {
+    struct dirent** names = nullptr;
     std::vector<std::string> out;
     const int n = ks_sys_scandir(dir, &names, nullptr, alphasort);
     if (err != nullptr) *err = n < 0 ? errno : 0;
@@ -31,16 +31,16 @@ std::vector<std::string> list_dir(const char *dir, int *err = nullptr) {
     return out;
 }
 
-std::string real_path(const std::string &p) {
+std::string real_path(const std::string& p) {
     char buf[PATH_MAX] = {0};
     return ks_sys_realpath(p.c_str(), buf) != nullptr ? std::string(buf) : std::string();
 }
 
-bool has_key_word(const char *card) {
+bool has_key_word(const char* card) {
     return strcasestr(card, "KS") != nullptr || strcasestr(card, "KESTRA") != nullptr;
 }
 
-v4l2_capability querycap(const char *path) {
+v4l2_capability querycap(const char* path) {
     v4l2_capability cap;
     std::memset(&cap, 0, sizeof(cap));
     const int fd = ks_sys_open(path, O_RDWR | O_NONBLOCK, 0);
@@ -50,7 +50,7 @@ v4l2_capability querycap(const char *path) {
     return cap;
 }
 
-std::vector<std::pair<uint32_t, uint32_t>> frame_sizes(const char *path, uint32_t fourcc) {
+std::vector<std::pair<uint32_t, uint32_t>> frame_sizes(const char* path, uint32_t fourcc) {
     std::vector<std::pair<uint32_t, uint32_t>> out;
     const int fd = ks_sys_open(path, O_RDWR | O_NONBLOCK, 0);
     EXPECT_GE(fd, 0);
@@ -70,8 +70,8 @@ std::vector<std::pair<uint32_t, uint32_t>> frame_sizes(const char *path, uint32_
 }  // namespace
 
 TEST(SimInstall, OneWorldAtATimeAndUninstallRestoresTheCLibrary) {
-    kssim_world *a = kssim_world_create();
-    kssim_world *b = kssim_world_create();
+    kssim_world* a = kssim_world_create();
+    kssim_world* b = kssim_world_create();
     ASSERT_EQ(0, kssim_world_install(a));
     EXPECT_NE(ks_platform_default_ops(), ks_platform_ops_current());
     EXPECT_EQ(a, kssim_installed_world());
@@ -88,7 +88,7 @@ TEST(SimInstall, OneWorldAtATimeAndUninstallRestoresTheCLibrary) {
 }
 
 TEST(SimInstall, InvalidConfigurationsAreRefused) {
-    kssim_world *w = kssim_world_create();
+    kssim_world* w = kssim_world_create();
     kssim_camera_config cfg;
     kssim_camera_config_init(&cfg);
     cfg.initial_size = {800, 600};  // not among the sizes
@@ -114,7 +114,7 @@ TEST(SimInstall, InvalidConfigurationsAreRefused) {
 }
 
 TEST_F(SimTest, NodesAreCharacterDevicesAndOtherPathsFallThrough) {
-    kssim_camera *cam = add_camera();
+    kssim_camera* cam = add_camera();
     ASSERT_NE(cam, nullptr);
     EXPECT_STREQ("/dev/video0", kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE));
     EXPECT_STREQ("/dev/video1", kssim_camera_node_path(cam, KSSIM_NODE_META));
@@ -157,8 +157,8 @@ TEST_F(SimTest, NodesAreCharacterDevicesAndOtherPathsFallThrough) {
 }
 
 TEST_F(SimTest, LinkDirectoriesNameBothNodesOfEveryCamera) {
-    kssim_camera *a = add_camera([](kssim_camera_config &c) { strcpy(c.serial, "SNA0001"); });
-    kssim_camera *b = add_camera([](kssim_camera_config &c) { strcpy(c.serial, "SNB0002"); });
+    kssim_camera* a = add_camera([](kssim_camera_config& c) { strcpy(c.serial, "SNA0001"); });
+    kssim_camera* b = add_camera([](kssim_camera_config& c) { strcpy(c.serial, "SNB0002"); });
     ASSERT_NE(a, nullptr);
     ASSERT_NE(b, nullptr);
     EXPECT_STREQ("/dev/video2", kssim_camera_node_path(b, KSSIM_NODE_CAPTURE));
@@ -184,25 +184,25 @@ TEST_F(SimTest, LinkDirectoriesNameBothNodesOfEveryCamera) {
     }
     EXPECT_EQ("/dev/video3", real_path(kssim_camera_by_id_link(b, KSSIM_NODE_META)));
     // realpath allocates when given no buffer; dotted forms resolve too.
-    char *p = ks_sys_realpath(kssim_camera_by_id_link(a, KSSIM_NODE_CAPTURE), nullptr);
+    char* p = ks_sys_realpath(kssim_camera_by_id_link(a, KSSIM_NODE_CAPTURE), nullptr);
     ASSERT_NE(p, nullptr);
     EXPECT_STREQ("/dev/video0", p);
     free(p);
     const std::string id_link = kssim_camera_by_id_link(a, KSSIM_NODE_CAPTURE);
-    EXPECT_EQ("/dev/video0",
-              real_path("/dev/v4l/by-path/../by-id/./" + id_link.substr(strlen("/dev/v4l/by-id/"))));
+    EXPECT_EQ("/dev/video0", real_path("/dev/v4l/by-path/../by-id/./" +
+                                       id_link.substr(strlen("/dev/v4l/by-id/"))));
     EXPECT_EQ("/dev/v4l/by-id", real_path("/dev/v4l/by-path/../by-id/."));
 
     // The filter sees every entry; /dev lists the nodes and the link tree.
-    struct dirent **names = nullptr;
+    struct dirent** names = nullptr;
     const int n = ks_sys_scandir(
-        "/dev/v4l/by-id", &names, [](const dirent *d) { return d->d_type == DT_LNK ? 1 : 0; },
+        "/dev/v4l/by-id", &names, [](const dirent* d) { return d->d_type == DT_LNK ? 1 : 0; },
         alphasort);
     ASSERT_EQ(4, n);
     for (int i = 0; i < n; ++i) free(names[i]);
     free(names);
     const auto dev = list_dir("/dev");
-    for (const char *name : {"video0", "video1", "video2", "video3", "v4l"})
+    for (const char* name : {"video0", "video1", "video2", "video3", "v4l"})
         EXPECT_NE(dev.end(), std::find(dev.begin(), dev.end(), name)) << name;
     int err = 0;
     list_dir("/dev/video0", &err);
@@ -210,8 +210,8 @@ TEST_F(SimTest, LinkDirectoriesNameBothNodesOfEveryCamera) {
 }
 
 TEST_F(SimTest, UnpluggedCamerasLeaveTheNamespaceAndEmptyDirectoriesVanish) {
-    kssim_camera *a = add_camera([](kssim_camera_config &c) { strcpy(c.serial, "SNA0001"); });
-    kssim_camera *b = add_camera([](kssim_camera_config &c) { strcpy(c.serial, "SNB0002"); });
+    kssim_camera* a = add_camera([](kssim_camera_config& c) { strcpy(c.serial, "SNA0001"); });
+    kssim_camera* b = add_camera([](kssim_camera_config& c) { strcpy(c.serial, "SNB0002"); });
     ASSERT_EQ(0, kssim_camera_unplug(a));
     EXPECT_EQ(0, kssim_camera_plugged(a));
     struct stat st;
@@ -232,17 +232,17 @@ TEST_F(SimTest, UnpluggedCamerasLeaveTheNamespaceAndEmptyDirectoriesVanish) {
 }
 
 TEST_F(SimTest, CaptureAndMetadataNodesReportTheirCapabilities) {
-    kssim_camera *cam = add_camera([](kssim_camera_config &c) { strcpy(c.card, "KESTRA Depth"); });
-    kssim_camera *mp = add_camera([](kssim_camera_config &c) { c.planes = KSSIM_PLANES_BOTH; });
-    kssim_camera *ns = add_camera([](kssim_camera_config &c) {
+    kssim_camera* cam = add_camera([](kssim_camera_config& c) { strcpy(c.card, "KESTRA Depth"); });
+    kssim_camera* mp = add_camera([](kssim_camera_config& c) { c.planes = KSSIM_PLANES_BOTH; });
+    kssim_camera* ns = add_camera([](kssim_camera_config& c) {
         c.planes = KSSIM_PLANES_MULTI;
         c.streaming_cap = 0;
     });
     ASSERT_TRUE(cam && mp && ns);
 
     const v4l2_capability cap = querycap(kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE));
-    EXPECT_STREQ("uvcvideo", reinterpret_cast<const char *>(cap.driver));
-    EXPECT_STREQ("KESTRA Depth", reinterpret_cast<const char *>(cap.card));
+    EXPECT_STREQ("uvcvideo", reinterpret_cast<const char*>(cap.driver));
+    EXPECT_STREQ("KESTRA Depth", reinterpret_cast<const char*>(cap.card));
     EXPECT_TRUE(cap.device_caps & V4L2_CAP_VIDEO_CAPTURE);
     EXPECT_TRUE(cap.device_caps & V4L2_CAP_STREAMING);
     EXPECT_FALSE(cap.device_caps & V4L2_CAP_VIDEO_CAPTURE_MPLANE);
@@ -250,7 +250,7 @@ TEST_F(SimTest, CaptureAndMetadataNodesReportTheirCapabilities) {
     EXPECT_TRUE(cap.capabilities & V4L2_CAP_META_CAPTURE);
 
     const v4l2_capability meta = querycap(kssim_camera_node_path(cam, KSSIM_NODE_META));
-    EXPECT_STREQ("KESTRA Depth", reinterpret_cast<const char *>(meta.card));
+    EXPECT_STREQ("KESTRA Depth", reinterpret_cast<const char*>(meta.card));
     EXPECT_FALSE(meta.device_caps & V4L2_CAP_VIDEO_CAPTURE);
     EXPECT_TRUE(meta.device_caps & V4L2_CAP_META_CAPTURE);
     EXPECT_EQ(cap.capabilities, meta.capabilities);
@@ -265,9 +265,9 @@ TEST_F(SimTest, CaptureAndMetadataNodesReportTheirCapabilities) {
 }
 
 TEST_F(SimTest, FormatsAndFrameSizesOfOurCameraTheUsb2CameraAndAWebcam) {
-    kssim_camera *cam = add_camera();
-    kssim_camera *usb2 = kssim_world_add_usb2_camera(world_, "SNUSB2");
-    kssim_camera *web = kssim_world_add_webcam(world_, nullptr);
+    kssim_camera* cam = add_camera();
+    kssim_camera* usb2 = kssim_world_add_usb2_camera(world_, "SNUSB2");
+    kssim_camera* web = kssim_world_add_webcam(world_, nullptr);
     ASSERT_TRUE(cam && usb2 && web);
 
     Capture c;
@@ -300,11 +300,11 @@ TEST_F(SimTest, FormatsAndFrameSizesOfOurCameraTheUsb2CameraAndAWebcam) {
               frame_sizes(kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE), V4L2_PIX_FMT_BGR24));
     EXPECT_EQ((Sizes{{640, 480}}),
               frame_sizes(kssim_camera_node_path(usb2, KSSIM_NODE_CAPTURE), V4L2_PIX_FMT_BGR24));
-    EXPECT_TRUE(has_key_word(
-        reinterpret_cast<const char *>(querycap(kssim_camera_node_path(usb2, KSSIM_NODE_CAPTURE)).card)));
+    EXPECT_TRUE(has_key_word(reinterpret_cast<const char*>(
+        querycap(kssim_camera_node_path(usb2, KSSIM_NODE_CAPTURE)).card)));
 
     const v4l2_capability wc = querycap(kssim_camera_node_path(web, KSSIM_NODE_CAPTURE));
-    EXPECT_FALSE(has_key_word(reinterpret_cast<const char *>(wc.card)));
+    EXPECT_FALSE(has_key_word(reinterpret_cast<const char*>(wc.card)));
     EXPECT_TRUE(wc.device_caps & V4L2_CAP_VIDEO_CAPTURE);
     EXPECT_EQ((Sizes{{640, 480}, {1280, 720}}),
               frame_sizes(kssim_camera_node_path(web, KSSIM_NODE_CAPTURE), V4L2_PIX_FMT_YUYV));
@@ -325,8 +325,8 @@ TEST_F(SimTest, FormatsAndFrameSizesOfOurCameraTheUsb2CameraAndAWebcam) {
 }
 
 TEST_F(SimTest, NodesOpenManyTimesAndRefuseUnknownOrMalformedRequests) {
-    kssim_camera *cam = add_camera();
-    const char *path = kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE);
+    kssim_camera* cam = add_camera();
+    const char* path = kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE);
     const int a = ks_sys_open(path, O_RDWR | O_NONBLOCK, 0);
     const int b = ks_sys_open(kssim_camera_by_path_link(cam, KSSIM_NODE_CAPTURE), O_RDWR, 0);
     const int c = ks_sys_open(path, O_RDWR | O_NONBLOCK, 0);
@@ -359,14 +359,15 @@ TEST_F(SimTest, NodesOpenManyTimesAndRefuseUnknownOrMalformedRequests) {
 }
 
 TEST(SimClock, WarpScalesSleepsSelectTimeoutsAndTheClock) {
-    kssim_world *w = kssim_world_create();
+    kssim_world* w = kssim_world_create();
     ASSERT_EQ(0, kssim_world_install(w));
     // At warp 1 the clock is the real one.
     struct timeval sim_tv, real_tv;
     ks_sys_gettimeofday(&sim_tv);
     gettimeofday(&real_tv, nullptr);
-    EXPECT_LE(std::abs((real_tv.tv_sec - sim_tv.tv_sec) * 1000000 + (real_tv.tv_usec - sim_tv.tv_usec)),
-              1000000);
+    EXPECT_LE(
+        std::abs((real_tv.tv_sec - sim_tv.tv_sec) * 1000000 + (real_tv.tv_usec - sim_tv.tv_usec)),
+        1000000);
 
     ASSERT_EQ(0, kssim_world_set_warp(w, 100.0));
     EXPECT_DOUBLE_EQ(100.0, kssim_world_warp(w));
