@@ -232,3 +232,46 @@ TEST_F(SimFaults, FormatAndCapabilityRequestsFailOrAnswerAnotherFormat) {
     EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, &bad));
     EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, nullptr));
 }
+
+TEST_F(SimFaults, CamerasStreamOnTheirOwnThreadsWhileAnotherUnplugsAndReplugs) {
+    kssim_camera* other = add_camera([](kssim_camera_config& c) {
+        c.initial_size = {640, 480};
+        strcpy(c.serial, "OTHER0001");
+    });
+    ASSERT_NE(other, nullptr);
+    std::atomic<bool> done{false};
+    std::atomic<int> frames_a{0}, frames_b{0}, gone{0};
+    auto reader = [&](const char* path, std::atomic<int>& count) {
+        while (!done) {
+            Capture c;
+            if (!c.open(path) || c.set_format(640, 480) != 0 || c.map_buffers(8) != 8 ||
+                c.queue_all() != 0 || c.stream_on() != 0) {
+                ks_sys_usleep(20000);  // unplugged: try again
+                continue;
+            }
+            std::vector<uint8_t> f;
+            for (int r = 0; !done && (r = c.next_frame(f, nullptr, 500)) != ENODEV;) {
+                if (r == 0) ++count;
+            }
+            if (!done) ++gone;
+        }
+    };
+    std::thread a(reader, node(), std::ref(frames_a));
+    std::thread b(reader, kssim_camera_node_path(other, KSSIM_NODE_CAPTURE), std::ref(frames_b));
+    for (int i = 0; i < 3; ++i) {
+        ks_sys_usleep(300000);
+        ASSERT_EQ(0, kssim_camera_unplug(cam_));
+        ks_sys_usleep(100000);
+        ASSERT_EQ(0, kssim_camera_replug(cam_));
+    }
+    ks_sys_usleep(300000);
+    done = true;
+    a.join();
+    b.join();
+    EXPECT_GT(frames_a.load(), 0);
+    EXPECT_GT(frames_b.load(), 0);
+    EXPECT_GE(gone.load(), 1);  // the reader of the unplugged camera saw ENODEV
+    kssim_camera_stats st;
+    ASSERT_EQ(0, kssim_camera_get_stats(other, &st));
+    EXPECT_EQ(0u, st.open_files);
+}
