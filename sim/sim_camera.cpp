@@ -591,8 +591,8 @@ int Camera::dqbuf(OpenFile& f, void* arg) {
     }
     const uint32_t index = done_.front();
     done_.pop_front();
+    bstate_[index].state = BufState::Dequeued;  // reported as the application's again
     fill_buffer(arg, index);
-    bstate_[index].state = BufState::Dequeued;
     refresh_ready();
     return 0;
 }

@@ -102,6 +102,8 @@ TEST_F(SimCapture, StreamsFramesWithIndexSequenceTimestampAndCounters) {
         EXPECT_EQ(640u * 480 * 3, b.bytesused);
         EXPECT_EQ(V4L2_FIELD_NONE, b.field);
         EXPECT_TRUE(b.flags & V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC);
+        EXPECT_FALSE(b.flags & (V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_DONE));
+        EXPECT_TRUE(b.flags & V4L2_BUF_FLAG_MAPPED);
         indices.insert(b.index);
         seqs.push_back(b.sequence);
         stamps.push_back(static_cast<int64_t>(b.timestamp.tv_sec) * 1000000 + b.timestamp.tv_usec);
