@@ -197,6 +197,7 @@ int process_image(unsigned char* buf, KsY4L2Cam* cam) {
                     static_cast<int32_t>(kKsFrameRingSlots);
     ring->write_index.store(index, std::memory_order_relaxed);
     _struct_ks_frame_slot& slot = ring->slots[index];
+    (void)ring->consumer_calls.load(std::memory_order_acquire);
     memcpy(slot.data, buf, cam->frm_size);
     // The id needs words up to M25: frames narrower than 26 pixels carry none.
     uint64_t id = cam->width >= 26 ? ks_frame_id_of(buf) : 0;
@@ -222,6 +223,7 @@ int reopenDevice(KsY4L2Cam* cam) {
 int ksY4L2GetNextSourceData(unsigned char** data, unsigned int* last_id, KsY4L2Cam* cam) {
     _struct_ks_frame_ring* ring = cam->frame_ring;
     if (ring == nullptr) return KS_FRAME_TIMEOUT;
+    ring->consumer_calls.fetch_add(1, std::memory_order_release);
     // Waits for the first frame as long as the stream lives.
     while (ring->latest.load(std::memory_order_acquire) < 0) {
         if (cam->nStatus.load(std::memory_order_acquire) != KS_STREAM_STREAMING &&
@@ -258,6 +260,8 @@ int ksY4L2GetNextSafeSourceData(unsigned char** data, unsigned int* last_id, KsY
         return result;
     }
     memcpy(cam->safe_frame, frame, cam->frm_size);
+    // The slot is no longer needed: let the producer reuse it after the copy.
+    cam->frame_ring->consumer_calls.fetch_add(1, std::memory_order_release);
     *data = cam->safe_frame;
     return 0;
 }

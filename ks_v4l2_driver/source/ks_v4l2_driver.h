@@ -49,6 +49,10 @@ struct _struct_ks_frame_ring {
     _struct_ks_frame_slot* slots;
     std::atomic<int32_t> latest;       // newest complete slot, -1 before the first frame
     std::atomic<int32_t> write_index;  // slot written last, -1 at start
+    // Bumped by every consumer call and read by the producer before it
+    // rewrites a slot: whatever a consumer read before asking for its next
+    // frame is ordered before the slot is reused.
+    std::atomic<uint32_t> consumer_calls;
 };
 
 typedef struct _struct_ks_Y4L2Cam {
