@@ -11,6 +11,7 @@
 #include "common/ks_log.h"
 #include "ks_v4l2_driver/source/ks_v4l2_driver.h"
 #include "ks_v4l2_driver/source/ks_v4l2_internal.h"
+#include "ks_v4l2_driver/source/ks_v4l2_simd.h"
 
 namespace {
 
@@ -59,10 +60,12 @@ I420Planes i420_planes(uint8_t* image, int width, int height) {
     return {image, image + width * height, image + width * height * 5 / 4};
 }
 
-// Luma and chroma of one line of image A, pixel pairs at a time.
-inline void luma_chroma_line(const unsigned char* p, int width, uint8_t*& y, uint8_t*& chroma) {
+// Luma and chroma of one line of image A: vector groups, then pixel pairs.
+inline void luma_chroma_line(const unsigned char* line, int width, uint8_t*& y, uint8_t*& chroma) {
+    int done = ks_v4l2::simd_luma_chroma(line, width, y, chroma);
     int pairs = width / 2;
-    for (int k = 0; k < pairs; ++k, p += 6) {
+    const unsigned char* p = line + 3 * done;
+    for (int k = done / 2; k < pairs; ++k, p += 6) {
         y[2 * k] = p[2];
         y[2 * k + 1] = p[5];
         chroma[k] = static_cast<uint8_t>((p[1] & 0xF0) | (p[4] >> 4));
@@ -70,6 +73,12 @@ inline void luma_chroma_line(const unsigned char* p, int width, uint8_t*& y, uin
     if (width & 1) y[width - 1] = p[2];
     y += width;
     chroma += pairs;
+}
+
+// The 12-bit values of one line.
+inline void values_line(const unsigned char* line, int width, uint16_t* out) {
+    for (int c = ks_v4l2::simd_values(line, width, out); c < width; ++c)
+        out[c] = static_cast<uint16_t>(value12(line + 3 * c));
 }
 
 }  // namespace
@@ -202,21 +211,19 @@ int parseRgbDFrame(unsigned char* src, KsY4L2Cam* cam, _cam_frame_rgbd_data* out
         const unsigned char* line = src + r * line_bytes;
         luma_chroma_line(line, width, planes.y, (r & 1) == 0 ? planes.u : planes.v);
         if (r == 0) {
-            for (int c = 0; c < width; ++c) {
-                meta[c] = static_cast<unsigned short>(value12(line + 3 * c));
-                disparity[c] = 0;
-            }
+            values_line(line, width, meta);
+            std::memset(disparity, 0, sizeof(uint16_t) * width);
             disparity += width;
         } else if (r >= kFirstDisparityLine) {
             int clamps = 0;
-            for (int c = 0; c < width; ++c) {
-                unsigned d = value12(line + 3 * c);
-                auto sum = static_cast<int16_t>(static_cast<uint16_t>(d + sum_offset));
-                bool clamp = d != 0 && sum < 0;
-                clamps += clamp;
-                disparity[c] = (d == 0 || clamp) ? 0 : static_cast<uint16_t>(sum);
+            int c = ks_v4l2::simd_disparity(line, width, sum_offset, disparity, &clamps);
+            for (; c < width; ++c) {
+                bool clamped = false;
+                disparity[c] = corrected(value12(line + 3 * c), sum_offset, &clamped);
+                clamps += clamped;
             }
             disparity += width;
+            // The reference warns pixel by pixel and logs nothing else.
             if (disp_offset >= 0)
                 for (int i = 0; i < clamps; ++i) warn_negative_disparity();
         }
@@ -238,12 +245,10 @@ int parseRectifiedFrame(unsigned char* src, KsY4L2Cam* cam, _cam_frame_raw_data*
         const unsigned char* line = src + r * line_bytes;
         luma_chroma_line(line, width, planes.y, (r & 1) == 0 ? planes.u : planes.v);
         if (r == 0) {
-            for (int c = 0; c < width; ++c) {
-                meta[c] = static_cast<unsigned short>(value12(line + 3 * c));
-                gray[c] = 0;
-            }
+            values_line(line, width, meta);
+            std::memset(gray, 0, width);
         } else {
-            for (int c = 0; c < width; ++c)
+            for (int c = ks_v4l2::simd_gray(line, width, gray); c < width; ++c)
                 gray[c] = static_cast<uint8_t>((line[3 * c] >> 4) + (line[3 * c + 1] << 4));
         }
         gray += width;
@@ -261,7 +266,8 @@ int parseRawFrame(unsigned char* src, KsY4L2Cam* cam, _cam_frame_raw_data* out,
     auto* image_b = static_cast<uint16_t*>(out->second);
     for (unsigned r = 0; r < height; ++r) {
         const unsigned char* line = src + r * width * 3;
-        for (unsigned c = 0; c < width; ++c) {
+        for (unsigned c = ks_v4l2::simd_raw(line, static_cast<int>(width), image_a, image_b);
+             c < width; ++c) {
             const unsigned char* p = line + 3 * c;
             image_a[c] = static_cast<uint16_t>((p[2] << 8) | ((p[1] & 0xF0) << 0));
             image_b[c] = static_cast<uint16_t>(value12(p) << 4);
