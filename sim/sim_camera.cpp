@@ -388,8 +388,10 @@ int Camera::set_fmt(OpenFile& f, void* arg, bool try_only) {
     std::lock_guard<std::mutex> lk(mu_);
     if (!capture_type_ok(fmt->type)) return -EINVAL;
     const bool single = fmt->type == V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    const uint64_t req_w = single ? fmt->fmt.pix.width : fmt->fmt.pix_mp.width;
-    const uint64_t req_h = single ? fmt->fmt.pix.height : fmt->fmt.pix_mp.height;
+    const uint64_t req_w =
+        std::min<uint64_t>(single ? fmt->fmt.pix.width : fmt->fmt.pix_mp.width, 65535);
+    const uint64_t req_h =
+        std::min<uint64_t>(single ? fmt->fmt.pix.height : fmt->fmt.pix_mp.height, 65535);
     int32_t value = 0;
     if (!try_only) {
         if ((owner_ != nullptr && owner_ != &f) || bufs_ != nullptr || streaming_) return -EBUSY;
