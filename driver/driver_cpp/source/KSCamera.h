@@ -122,6 +122,8 @@ class KSCamera : public KSCameraAbstract {
     KSWorkBuffer<float> m_point_x;
     KSWorkBuffer<float> m_point_y;
     KSWorkBuffer<float> m_point_z;
+    // Disparity histogram of calculate_rect_distance.
+    KSWorkBuffer<uint32_t> m_rect_histogram;
 
     // Work planes of dense_disparity / filter_disparity (allocated on first use).
     std::unique_ptr<KSDisparityWork> m_disparity_work;

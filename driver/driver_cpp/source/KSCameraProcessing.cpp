@@ -17,6 +17,8 @@ constexpr int kTableEntries = 4096;
 constexpr float kFarAway = 4294967296.0f;
 // Rectangle statistics: histogram bins and the start values of the extremes.
 constexpr int kHistogramBins = 12416;
+constexpr size_t kHistogramLanes = 4;
+constexpr size_t kLaneBins = kHistogramBins + 1;
 constexpr uint16_t kMinDisparityStart = 4095;
 constexpr uint16_t kMaxDisparityStart = 16;
 // Line buffer of the parameter file reader.
@@ -144,9 +146,11 @@ int KSCamera::convert_disparity_to_point_cloud(const uint16_t* disparity, uint32
         const uint16_t* row = disparity + static_cast<size_t>(r) * width;
         // The image centre stands in for the optical centre; Y grows upwards.
         const float v = static_cast<float>(half_height - static_cast<int>(r));
-        for (uint32_t c = 0; c < width; ++c) {
+        float u = static_cast<float>(-half_width);  // column - width / 2
+        for (uint32_t c = 0; c < width; ++c, u += 1.0f) {
+            // Every pixel writes at the next free slot; only a valid one
+            // advances it, so the points end up packed without a branch.
             const uint32_t d = row[c];
-            if (d == 0) continue;
             float zd;
             float s;
             if (d < kTableEntries) {
@@ -156,10 +160,10 @@ int KSCamera::convert_disparity_to_point_cloud(const uint16_t* disparity, uint32
                 zd = 32.0f * m_bxf / static_cast<float>(d);
                 s = 32.0f * m_baseline / static_cast<float>(d);
             }
-            px[n] = static_cast<float>(static_cast<int>(c) - half_width) * s;
+            px[n] = u * s;
             py[n] = v * s;
             pz[n] = zd;
-            ++n;
+            n += d != 0;
         }
     }
     // Entries past the packed points are zero.
@@ -199,8 +203,12 @@ int KSCamera::calculate_rect_distance(_ks_rect_distance_info_s* info) {
     // more than the rectangle's size), clipped to the image.
     const uint16_t last_row = static_cast<uint16_t>(info->y + info->height);
     const uint16_t last_col = static_cast<uint16_t>(info->x + info->width);
-    uint32_t hist[kHistogramBins];
-    std::memset(hist, 0, sizeof hist);
+    // Four interleaved histograms (pixel k goes to lane k % 4) so that runs of
+    // equal disparities do not wait on one counter; bin kHistogramBins
+    // collects the disparities past the histogram, bin 0 the empty pixels.
+    if (!m_rect_histogram.reserve(kHistogramLanes * kLaneBins)) return -2;
+    uint32_t* const lanes = m_rect_histogram.data();
+    std::memset(lanes, 0, kHistogramLanes * kLaneBins * sizeof(uint32_t));
     uint64_t visited = 0;
     uint64_t valid = 0;
     uint64_t sum = 0;
@@ -212,19 +220,35 @@ int KSCamera::calculate_rect_distance(_ks_rect_distance_info_s* info) {
         info->x < image_width) {
         const uint32_t r_end = std::min<uint32_t>(last_row, image_height - 1);
         const uint32_t c_end = std::min<uint32_t>(last_col, image_width - 1);
+        uint16_t max_all = 0;
+        uint16_t min_less_one = 0xFFFF;  // d - 1: an empty pixel wraps to the top
+        const size_t columns = c_end - info->x + 1;
         for (uint32_t r = info->y; r <= r_end; ++r) {
-            const uint16_t* row = info->disparity + static_cast<size_t>(r) * image_width;
-            for (uint32_t c = info->x; c <= c_end; ++c) {
-                const uint32_t d = row[c];
-                if (d == 0) continue;
-                if (d < kHistogramBins) ++hist[d];
-                sum += d;
-                ++valid;
-                if (d > max_d) max_d = d;
-                if (d < min_d) min_d = d;
+            const uint16_t* row =
+                info->disparity + static_cast<size_t>(r) * image_width + info->x;
+            // Count, sum and extremes first (a row's sum fits 32 bits) ...
+            uint32_t row_valid = 0;
+            uint32_t row_sum = 0;
+            for (size_t c = 0; c < columns; ++c) {
+                const uint16_t d = row[c];
+                row_valid += d != 0;
+                row_sum += d;
+                max_all = std::max(max_all, d);
+                min_less_one = std::min(min_less_one, static_cast<uint16_t>(d - 1));
             }
+            valid += row_valid;
+            sum += row_sum;
+            // ... then the histogram.
+            size_t c = 0;
+            for (; c + kHistogramLanes <= columns; c += kHistogramLanes) {
+                for (size_t k = 0; k < kHistogramLanes; ++k)
+                    ++lanes[k * kLaneBins + std::min<uint32_t>(row[c + k], kHistogramBins)];
+            }
+            for (; c < columns; ++c) ++lanes[std::min<uint32_t>(row[c], kHistogramBins)];
         }
         visited = static_cast<uint64_t>(r_end - info->y + 1) * (c_end - info->x + 1);
+        max_d = std::max<uint32_t>(max_d, max_all);
+        if (valid != 0) min_d = std::min<uint32_t>(min_d, min_less_one + 1u);
     }
     info->min_disparity = static_cast<uint16_t>(min_d);
     info->max_disparity = static_cast<uint16_t>(max_d);
@@ -237,7 +261,7 @@ int KSCamera::calculate_rect_distance(_ks_rect_distance_info_s* info) {
     uint64_t seen = 0;
     const uint32_t walk_end = std::min<uint32_t>(max_d, kHistogramBins);
     for (uint32_t b = 1; b < walk_end; ++b) {
-        seen += hist[b];
+        for (size_t k = 0; k < kHistogramLanes; ++k) seen += lanes[k * kLaneBins + b];
         if (seen > half) {
             info->median_disparity = static_cast<uint16_t>(b);
             break;

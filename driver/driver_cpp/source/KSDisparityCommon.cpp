@@ -61,9 +61,13 @@ void downsample(const Grid& g, const uint16_t* disparity, uint16_t width, uint16
             const size_t i = row_base + static_cast<size_t>(c) * 2;
             uint16_t v = 0;
             if (inside) {
-                // Left column top to bottom, then the right column.
+                // Left column top to bottom, then the right column: the first
+                // non-zero sample wins (selected back to front, without branches).
                 const uint16_t* p = disparity + i;
-                v = p[0] ? p[0] : p[width] ? p[width] : p[1] ? p[1] : p[width + 1];
+                v = p[width + 1];
+                v = p[1] != 0 ? p[1] : v;
+                v = p[width] != 0 ? p[width] : v;
+                v = p[0] != 0 ? p[0] : v;
             } else {
                 const size_t order[4] = {i, i + width, i + 1, i + width + 1};
                 for (size_t k = 0; k < 4 && v == 0; ++k)
@@ -126,23 +130,22 @@ uint64_t label_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
                 lab[c] = 0;
                 continue;
             }
-            uint32_t up = 0;
-            uint32_t left = 0;
-            if (r > a.r0 && row[c - W] != 0 && connected(row[c - W], v)) up = lab[c - W];
-            if (c > a.c0 && row[c - 1] != 0 && connected(row[c - 1], v)) left = lab[c - 1];
+            const bool up = r > a.r0 && row[c - W] != 0 && connected(row[c - W], v);
+            const bool left = c > a.c0 && row[c - 1] != 0 && connected(row[c - 1], v);
             uint32_t root;
-            if (up != 0) {
-                root = find_root(parent, up);
-                if (left != 0) {
-                    const uint32_t other = find_root(parent, left);
+            if (left) {
+                // The left neighbour was given a root one step ago.
+                root = lab[c - 1];
+                if (up && lab[c - W] != root) {
+                    const uint32_t other = find_root(parent, lab[c - W]);
                     if (other != root) {
                         const uint32_t keep = std::min(root, other);
                         parent[std::max(root, other)] = keep;
                         root = keep;
                     }
                 }
-            } else if (left != 0) {
-                root = find_root(parent, left);
+            } else if (up) {
+                root = find_root(parent, lab[c - W]);
             } else {
                 root = next++;
                 parent[root] = root;
@@ -163,7 +166,11 @@ uint64_t label_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
             small += size[l];
         }
     }
-    for (uint32_t l = 1; l < next; ++l) parent[l] = parent[parent[l]];
+    // Every label now points at its root, and carries its region's size.
+    for (uint32_t l = 1; l < next; ++l) {
+        parent[l] = parent[parent[l]];
+        size[l] = size[parent[l]];
+    }
     return small;
 }
 
@@ -197,7 +204,7 @@ void keep_unique_matches(const Grid& g, KSDisparityWork& w) {
             const uint16_t d = grid[i];
             if (d == 0) continue;
             const uint32_t t = (static_cast<uint32_t>(d) >> 5) + static_cast<uint32_t>(c);
-            if (region_of(w, i) <= kClearedRegionMax || t >= W) {
+            if (t >= W) {
                 grid[i] = 0;
             } else if (claimed[t]) {
                 grid[i] = 0;
@@ -228,11 +235,10 @@ void upsample(const Grid& g, const uint16_t* grid, uint16_t min_limit, uint16_t 
             uint16_t* out2 = out + width;
             for (size_t c = 0; c < g.width; ++c) {
                 const uint16_t d = in[c];
-                const uint16_t v = (min_limit < d && d < max_limit) ? d : 0;
-                out[2 * c] = v;
-                out[2 * c + 1] = v;
-                out2[2 * c] = v;
-                out2[2 * c + 1] = v;
+                const uint32_t v = (min_limit < d && d < max_limit) ? d : 0;
+                const uint32_t pair = v | (v << 16);  // the block's two columns
+                std::memcpy(out + 2 * c, &pair, sizeof pair);
+                std::memcpy(out2 + 2 * c, &pair, sizeof pair);
             }
         }
     }

@@ -23,8 +23,10 @@ struct KSDisparityWork {
     // Nearest non-zero value and its distance in steps, per direction (dense).
     KSWorkBuffer<uint16_t> up_value, up_steps, left_value, left_steps;
     KSWorkBuffer<uint16_t> down_value, down_steps, right_value, right_steps;
-    // Horizontal support of the guided averaging (dense): count and sum of
-    // non-zero disparities along the arms, and the arms' total length.
+    // Guided averaging (dense): the map as interpolation left it, and per
+    // sample the count and sum of non-zero disparities along its horizontal
+    // arms and the arms' total length.
+    KSWorkBuffer<uint16_t> snapshot;
     KSWorkBuffer<uint16_t> row_count, row_support;
     KSWorkBuffer<uint32_t> row_sum;
 };
@@ -79,20 +81,22 @@ void downsample_grey(const Grid& g, const uint8_t* image, uint16_t width, uint8_
 // Labels the regions of the grid within area (neighbours to the left and
 // above are one region when both are non-zero and their 13-bit values differ
 // by at most 19), then resolves them: afterwards parent[label] is the root and
-// region_size[root] the region's size. Returns the number of samples in
-// regions smaller than kSmallRegionLimit.
+// region_size[label] the size of the label's region. Returns the number of
+// samples in regions smaller than kSmallRegionLimit.
 uint64_t label_regions(const Grid& g, const Area& area, KSDisparityWork& w);
 
 // Size of the region of a labelled, non-zero sample.
 inline uint32_t region_of(const KSDisparityWork& w, size_t i) {
-    return w.region_size.data()[w.parent.data()[w.label.data()[i]]];
+    return w.region_size.data()[w.label.data()[i]];
 }
 
 void clear_small_regions(const Grid& g, const Area& area, KSDisparityWork& w);
 void clear_grid(const Grid& g, uint16_t* grid);
 
 // One match per target column (d >> 5) + c, rows bottom up, columns right to
-// left: the right-hand sample of two that map onto one column is kept.
+// left: the right-hand sample of two that map onto one column is kept. Runs
+// after clear_small_regions, so every remaining sample's region is large
+// enough to be kept.
 void keep_unique_matches(const Grid& g, KSDisparityWork& w);
 
 // Writes every f x f block of the full-resolution map from its grid sample

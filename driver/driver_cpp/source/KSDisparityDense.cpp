@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 #include "driver/driver_cpp/source/KSCamera.h"
 #include "driver/driver_cpp/source/KSDisparityCommon.h"
@@ -182,58 +183,67 @@ inline bool arm_step(int s, int centre, int previous, int q) {
            (s < kFarStep || to_centre <= kFarGreyStep);
 }
 
-// Cross-shaped support from the grey plane: horizontal arms for every
-// sample, then, for every sample still empty, vertical arms over the rows'
-// horizontal results. An empty sample is filled with the mean of the
-// horizontal and the cross average when both have enough support.
+constexpr uint16_t kNotMeasured = 0xFFFF;
+
+// Horizontal support of sample i (row r, column c): arms to the left and to
+// the right over the grey plane, count and sum of the non-zero disparities
+// along them (centre included) and the arms' total length. Measured once per
+// frame, on first use.
+inline void measure_row_support(const ks_disparity::Area& a, const uint16_t* disparity,
+                                const uint8_t* grey, size_t i, int c, KSDisparityWork& w) {
+    if (w.row_count.data()[i] != kNotMeasured) return;
+    const int centre = grey[i];
+    uint32_t n = disparity[i] != 0 ? 1 : 0;
+    uint32_t total = disparity[i];
+    int arms = 0;
+    int previous = centre;
+    for (int s = 1; s <= kArmSteps && c - s >= a.c0; ++s) {
+        const int q = grey[i - s];
+        if (!arm_step(s, centre, previous, q)) break;
+        const uint16_t d = disparity[i - s];
+        n += d != 0;
+        total += d;
+        previous = q;
+        ++arms;
+    }
+    previous = centre;
+    for (int s = 1; s <= kArmSteps && c + s <= a.c1; ++s) {
+        const int q = grey[i + s];
+        if (!arm_step(s, centre, previous, q)) break;
+        const uint16_t d = disparity[i + s];
+        n += d != 0;
+        total += d;
+        previous = q;
+        ++arms;
+    }
+    w.row_count.data()[i] = static_cast<uint16_t>(n);
+    w.row_sum.data()[i] = total;
+    w.row_support.data()[i] = static_cast<uint16_t>(arms);
+}
+
+// Cross-shaped support from the grey plane: an empty sample is filled with
+// the mean of its horizontal average and its cross average (the horizontal
+// results summed over the rows of its vertical arms), when both are non-zero
+// and their non-zero samples make up more than a third of their support.
+// Everything is measured on the map as interpolation left it.
 void guided_average(const ks_disparity::Grid& g, const ks_disparity::Area& a,
                     KSDisparityWork& w) {
     uint16_t* grid = w.grid.data();
+    uint16_t* before = w.snapshot.data();
     const uint8_t* grey = w.grey.data();
-    uint16_t* count = w.row_count.data();
-    uint16_t* support = w.row_support.data();
-    uint32_t* sum = w.row_sum.data();
+    const uint16_t* count = w.row_count.data();
+    const uint16_t* support = w.row_support.data();
+    const uint32_t* sum = w.row_sum.data();
     const size_t W = g.width;
+    std::memcpy(before, grid, static_cast<size_t>(g.pixels) * sizeof(uint16_t));
+    std::memset(w.row_count.data(), 0xFF, static_cast<size_t>(g.pixels) * sizeof(uint16_t));
 
     for (int r = a.r0; r <= a.r1; ++r) {
         const size_t row = static_cast<size_t>(r) * W;
         for (int c = a.c0; c <= a.c1; ++c) {
             const size_t i = row + static_cast<size_t>(c);
-            const int centre = grey[i];
-            uint32_t n = grid[i] != 0 ? 1 : 0;
-            uint32_t total = grid[i];
-            int arms = 0;
-            int previous = centre;
-            for (int s = 1; s <= kArmSteps && c - s >= a.c0; ++s) {
-                const int q = grey[i - s];
-                if (!arm_step(s, centre, previous, q)) break;
-                const uint16_t d = grid[i - s];
-                n += d != 0;
-                total += d;
-                previous = q;
-                ++arms;
-            }
-            previous = centre;
-            for (int s = 1; s <= kArmSteps && c + s <= a.c1; ++s) {
-                const int q = grey[i + s];
-                if (!arm_step(s, centre, previous, q)) break;
-                const uint16_t d = grid[i + s];
-                n += d != 0;
-                total += d;
-                previous = q;
-                ++arms;
-            }
-            count[i] = static_cast<uint16_t>(n);
-            sum[i] = total;
-            support[i] = static_cast<uint16_t>(arms);
-        }
-    }
-
-    for (int r = a.r0; r <= a.r1; ++r) {
-        const size_t row = static_cast<size_t>(r) * W;
-        for (int c = a.c0; c <= a.c1; ++c) {
-            const size_t i = row + static_cast<size_t>(c);
-            if (grid[i] != 0) continue;
+            if (before[i] != 0) continue;
+            measure_row_support(a, before, grey, i, c, w);
             const uint32_t hn = count[i];
             if (hn == 0 || hn * 3 <= support[i]) continue;
             const uint32_t horizontal = sum[i] / hn;
@@ -247,6 +257,7 @@ void guided_average(const ks_disparity::Grid& g, const ks_disparity::Area& a,
             for (int s = 1; s <= kArmSteps && r - s >= a.r0; ++s) {
                 const size_t j = i - static_cast<size_t>(s) * W;
                 if (!arm_step(s, centre, previous, grey[j])) break;
+                measure_row_support(a, before, grey, j, c, w);
                 n += count[j];
                 total += sum[j];
                 area += support[j];
@@ -256,6 +267,7 @@ void guided_average(const ks_disparity::Grid& g, const ks_disparity::Area& a,
             for (int s = 1; s <= kArmSteps && r + s <= a.r1; ++s) {
                 const size_t j = i + static_cast<size_t>(s) * W;
                 if (!arm_step(s, centre, previous, grey[j])) break;
+                measure_row_support(a, before, grey, j, c, w);
                 n += count[j];
                 total += sum[j];
                 area += support[j];
@@ -312,7 +324,7 @@ int KSCamera::dense_disparity(uint16_t width, uint16_t height, uint16_t* dispari
         --code;
     }
     if (!w.row_count.reserve(n) || !w.row_support.reserve(n) || !w.row_sum.reserve(n) ||
-        !w.claimed.reserve(u16WidthOfDownSampling))
+        !w.snapshot.reserve(n) || !w.claimed.reserve(u16WidthOfDownSampling))
         return -1;
 
     if (resolve_start_offset(u16WidthOfDownSampling) != 0) return -13;
