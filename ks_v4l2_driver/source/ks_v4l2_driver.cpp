@@ -91,7 +91,14 @@ KsY4L2Cam* initY4l2DriverHandle(const char* path) {
     return cam;
 }
 
+// Also gives back what a lost stream left behind (its release keeps the
+// node and the mappings as the failed capture thread left them).
 int DestoryY4l2DriverHandle(KsY4L2Cam* cam) {
+    if (cam == nullptr) return 0;
+    ks_v4l2::join_capture_thread(cam);
+    releaseDriverHandleFrameBuf(cam);
+    uninit_device(cam);
+    if (cam->fd >= 0) ks_sys_close(cam->fd);
     delete cam;
     return 0;
 }
