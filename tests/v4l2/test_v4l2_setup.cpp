@@ -181,3 +181,49 @@ TEST(V4l2Accessors, TimingFollowsTheFrameRateAndNullHandlesAreHarmless) {
     ksV4l2SetDisparityOffset(&cam, -12);
     EXPECT_EQ(-12, ksV4l2GetDisparityOffset(&cam));
 }
+
+TEST_F(V4l2Setup, BuffersShorterThanTheFrameAreDroppedNotRead) {
+    // The camera adjusts an unsupported size to one it offers, so its buffers
+    // are smaller than the frame the handle expects.
+    ASSERT_EQ(0, kssim_world_set_warp(world_, 10.0));
+    KsY4L2Cam* cam = open_handle(add_camera());
+    ASSERT_NE(nullptr, cam);
+    setV4l2StreamResolution(cam, 1920, 1080);
+    v4l2test::LogCapture log(LOG_WARN);
+    ASSERT_EQ(0, initV4l2Stream(cam));
+    EXPECT_EQ(1920u * 1080u * 3u, cam->frm_size);
+    for (int i = 0; i < 200 && log.count("Short frame buffer dropped") < 3; ++i)
+        ks_sys_usleep(20000);
+    EXPECT_GE(log.count("Short frame buffer dropped: 2764800 of 6220800 bytes"), 3);
+    EXPECT_EQ(-1, cam->frame_ring->latest.load());  // nothing reached the ring
+    releaseV4l2Stream(cam);
+    DestoryY4l2DriverHandle(cam);
+}
+
+namespace {
+
+// A device whose dequeue hands back a buffer index that was never mapped.
+int bogus_index_ioctl(int fd, unsigned long request, void* arg) {
+    if (request == VIDIOC_DQBUF) {
+        static_cast<v4l2_buffer*>(arg)->index = 12;
+        return 0;
+    }
+    return 0;
+}
+
+}  // namespace
+
+TEST(V4l2ReadFrameDeathTest, AnUnmappedBufferIndexAbortsInEveryBuildType) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            ks_platform_ops ops = *ks_platform_default_ops();
+            ops.ioctl = bogus_index_ioctl;
+            ks_platform_install(&ops);
+            KsY4L2Cam cam{};
+            cam.buf_type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+            cam.n_buffers = 8;
+            read_frame(&cam);
+        },
+        "Assertion `buf.index < pCam->n_buffers' failed");
+}
