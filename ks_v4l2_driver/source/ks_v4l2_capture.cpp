@@ -152,17 +152,10 @@ void* main_loop_func(void* arg) {
 }
 
 int read_frame(KsY4L2Cam* cam) {
-    const bool mplane = cam->buf_type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    const bool mplane = ks_v4l2::is_multiplanar(cam);
     struct v4l2_buffer buf;
     struct v4l2_plane planes[1];
-    memset(&buf, 0, sizeof buf);
-    memset(planes, 0, sizeof planes);
-    buf.type = cam->buf_type;
-    buf.memory = V4L2_MEMORY_MMAP;
-    if (mplane) {
-        buf.m.planes = planes;
-        buf.length = 1;
-    }
+    ks_v4l2::prepare_buffer(cam, &buf, planes, 0);
     if (ks_v4l2::xioctl(cam->fd, VIDIOC_DQBUF, &buf) == -1) {
         int err = errno;
         printf("DQBuf err %s\n", strerror(err));

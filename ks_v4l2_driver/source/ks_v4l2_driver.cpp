@@ -48,6 +48,19 @@ int xioctl(int fd, unsigned long request, void* arg) {
     return result;
 }
 
+void prepare_buffer(const KsY4L2Cam* cam, struct v4l2_buffer* buf, struct v4l2_plane* plane,
+                    uint32_t index) {
+    memset(buf, 0, sizeof *buf);
+    memset(plane, 0, sizeof *plane);
+    buf->type = cam->buf_type;
+    buf->memory = V4L2_MEMORY_MMAP;
+    buf->index = index;
+    if (is_multiplanar(cam)) {
+        buf->m.planes = plane;
+        buf->length = 1;
+    }
+}
+
 void compute_timing(KsY4L2Cam* cam, float fps) {
     int32_t wait_period = static_cast<int32_t>(900000.0 / fps);
     int32_t t = static_cast<int32_t>(1000000.0f / fps * 5.0f);
@@ -252,19 +265,11 @@ int init_mmap(KsY4L2Cam* cam) {
     if (cam->buf_type != V4L2_BUF_TYPE_VIDEO_CAPTURE &&
         cam->buf_type != V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE)
         return 0;
-    const bool mplane = cam->buf_type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    const bool mplane = ks_v4l2::is_multiplanar(cam);
     for (uint32_t i = 0; i < req.count; ++i) {
         struct v4l2_buffer buf;
         struct v4l2_plane planes[1];
-        memset(&buf, 0, sizeof buf);
-        memset(planes, 0, sizeof planes);
-        buf.type = cam->buf_type;
-        buf.memory = V4L2_MEMORY_MMAP;
-        buf.index = i;
-        if (mplane) {
-            buf.m.planes = planes;
-            buf.length = 1;
-        }
+        ks_v4l2::prepare_buffer(cam, &buf, planes, i);
         if (xioctl(cam->fd, VIDIOC_QUERYBUF, &buf) == -1) {
             if (mplane) printf("Query buffer error\n");
             return -5;
@@ -282,19 +287,10 @@ int init_mmap(KsY4L2Cam* cam) {
 }
 
 int start_capturing(KsY4L2Cam* cam) {
-    const bool mplane = cam->buf_type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
     for (uint32_t i = 0; i < kKsV4l2BufferCount; ++i) {
         struct v4l2_buffer buf;
         struct v4l2_plane planes[1];
-        memset(&buf, 0, sizeof buf);
-        memset(planes, 0, sizeof planes);
-        buf.type = cam->buf_type;
-        buf.memory = V4L2_MEMORY_MMAP;
-        buf.index = i;
-        if (mplane) {
-            buf.m.planes = planes;
-            buf.length = 1;
-        }
+        ks_v4l2::prepare_buffer(cam, &buf, planes, i);
         int result = xioctl(cam->fd, VIDIOC_QBUF, &buf);
         if (result != 0) return result;
     }

@@ -60,6 +60,22 @@ I420Planes i420_planes(uint8_t* image, int width, int height) {
     return {image, image + width * height, image + width * height * 5 / 4};
 }
 
+// Image A of one pixel: its luma, and half a chroma sample that the odd
+// pixel of the pair completes into U (even lines) or V (odd lines).
+inline void reference_luma_chroma(const unsigned char* p, int r, int c, I420Planes* planes,
+                                  uint8_t* high_nibble) {
+    *planes->y++ = p[2];
+    if ((c & 1) == 0) {
+        *high_nibble = p[1] & 0xF0;
+        return;
+    }
+    uint8_t sample = *high_nibble | (p[1] >> 4);
+    if ((r & 1) == 0)
+        *planes->u++ = sample;
+    else
+        *planes->v++ = sample;
+}
+
 // Luma and chroma of one line of image A: vector groups, then pixel pairs.
 inline void luma_chroma_line(const unsigned char* line, int width, uint8_t*& y, uint8_t*& chroma) {
     int done = ks_v4l2::simd_luma_chroma(line, width, y, chroma);
@@ -108,16 +124,7 @@ int parseRgbDFrame(unsigned char* src, KsY4L2Cam* cam, _cam_frame_rgbd_data* out
     uint8_t high_nibble = 0;
     for (int r = 0; r < height; ++r) {
         for (int c = 0; c < width; ++c, p += cam->pix_size) {
-            *planes.y++ = p[2];
-            if ((c & 1) == 0) {
-                high_nibble = p[1] & 0xF0;
-            } else {
-                uint8_t sample = high_nibble | (p[1] >> 4);
-                if ((r & 1) == 0)
-                    *planes.u++ = sample;
-                else
-                    *planes.v++ = sample;
-            }
+            reference_luma_chroma(p, r, c, &planes, &high_nibble);
             unsigned v = value12(p);
             if (r == 0) {
                 *words++ = static_cast<unsigned short>(v);
@@ -145,16 +152,7 @@ int parseRectifiedFrame(unsigned char* src, KsY4L2Cam* cam, _cam_frame_raw_data*
         uint8_t high_nibble = 0;
         for (int r = 0; r < height; ++r) {
             for (int c = 0; c < width; ++c, p += cam->pix_size) {
-                *planes.y++ = p[2];
-                if ((c & 1) == 0) {
-                    high_nibble = p[1] & 0xF0;
-                } else {
-                    uint8_t sample = high_nibble | (p[1] >> 4);
-                    if ((r & 1) == 0)
-                        *planes.u++ = sample;
-                    else
-                        *planes.v++ = sample;
-                }
+                reference_luma_chroma(p, r, c, &planes, &high_nibble);
                 if (r == 0) {
                     *words++ = static_cast<unsigned short>(value12(p));
                     *gray++ = 0;
