@@ -16,9 +16,8 @@ constexpr int kTableEntries = 4096;
 // Table entry 0: disparity 0 stands for infinitely far.
 constexpr float kFarAway = 4294967296.0f;
 // Rectangle statistics: histogram bins and the start values of the extremes.
-constexpr int kHistogramBins = 12416;
+constexpr uint32_t kHistogramBins = 12416;
 constexpr size_t kHistogramLanes = 4;
-constexpr size_t kLaneBins = kHistogramBins + 1;
 constexpr uint16_t kMinDisparityStart = 4095;
 constexpr uint16_t kMaxDisparityStart = 16;
 // Line buffer of the parameter file reader.
@@ -204,51 +203,60 @@ int KSCamera::calculate_rect_distance(_ks_rect_distance_info_s* info) {
     const uint16_t last_row = static_cast<uint16_t>(info->y + info->height);
     const uint16_t last_col = static_cast<uint16_t>(info->x + info->width);
     // Four interleaved histograms (pixel k goes to lane k % 4) so that runs of
-    // equal disparities do not wait on one counter; bin kHistogramBins
-    // collects the disparities past the histogram, bin 0 the empty pixels.
-    if (!m_rect_histogram.reserve(kHistogramLanes * kLaneBins)) return -2;
+    // equal disparities do not wait on one counter; bin 0 takes the empty
+    // pixels. Disparities past the histogram are counted, summed and compared
+    // on their own.
+    if (!m_rect_histogram.reserve(kHistogramLanes * kHistogramBins)) return -2;
     uint32_t* const lanes = m_rect_histogram.data();
-    std::memset(lanes, 0, kHistogramLanes * kLaneBins * sizeof(uint32_t));
+    std::memset(lanes, 0, kHistogramLanes * kHistogramBins * sizeof(uint32_t));
     uint64_t visited = 0;
-    uint64_t valid = 0;
-    uint64_t sum = 0;
-    uint32_t max_d = kMaxDisparityStart;
-    uint32_t min_d = kMinDisparityStart;
+    uint64_t big_count = 0;
+    uint64_t big_sum = 0;
+    uint32_t big_max = 0;
+    const auto add = [&](uint32_t* lane, uint32_t d) {
+        if (d < kHistogramBins) {
+            ++lane[d];
+        } else {
+            ++big_count;
+            big_sum += d;
+            big_max = std::max(big_max, d);
+        }
+    };
     const uint32_t image_width = m_image_width;
     const uint32_t image_height = m_image_height;
     if (last_row >= info->y && last_col >= info->x && info->y < image_height &&
         info->x < image_width) {
         const uint32_t r_end = std::min<uint32_t>(last_row, image_height - 1);
         const uint32_t c_end = std::min<uint32_t>(last_col, image_width - 1);
-        uint16_t max_all = 0;
-        uint16_t min_less_one = 0xFFFF;  // d - 1: an empty pixel wraps to the top
         const size_t columns = c_end - info->x + 1;
         for (uint32_t r = info->y; r <= r_end; ++r) {
             const uint16_t* row =
                 info->disparity + static_cast<size_t>(r) * image_width + info->x;
-            // Count, sum and extremes first (a row's sum fits 32 bits) ...
-            uint32_t row_valid = 0;
-            uint32_t row_sum = 0;
-            for (size_t c = 0; c < columns; ++c) {
-                const uint16_t d = row[c];
-                row_valid += d != 0;
-                row_sum += d;
-                max_all = std::max(max_all, d);
-                min_less_one = std::min(min_less_one, static_cast<uint16_t>(d - 1));
-            }
-            valid += row_valid;
-            sum += row_sum;
-            // ... then the histogram.
             size_t c = 0;
             for (; c + kHistogramLanes <= columns; c += kHistogramLanes) {
                 for (size_t k = 0; k < kHistogramLanes; ++k)
-                    ++lanes[k * kLaneBins + std::min<uint32_t>(row[c + k], kHistogramBins)];
+                    add(lanes + k * kHistogramBins, row[c + k]);
             }
-            for (; c < columns; ++c) ++lanes[std::min<uint32_t>(row[c], kHistogramBins)];
+            for (; c < columns; ++c) add(lanes, row[c]);
         }
-        visited = static_cast<uint64_t>(r_end - info->y + 1) * (c_end - info->x + 1);
-        max_d = std::max<uint32_t>(max_d, max_all);
-        if (valid != 0) min_d = std::min<uint32_t>(min_d, min_less_one + 1u);
+        visited = static_cast<uint64_t>(r_end - info->y + 1) * columns;
+    }
+
+    // Merge the lanes into the first; count, sum and extremes follow from it.
+    uint32_t* const hist = lanes;
+    uint64_t valid = big_count;
+    uint64_t sum = big_sum;
+    uint32_t max_d = std::max<uint32_t>(kMaxDisparityStart, big_max);
+    uint32_t min_d = kMinDisparityStart;
+    for (uint32_t b = 1; b < kHistogramBins; ++b) {
+        uint32_t n = hist[b];
+        for (size_t k = 1; k < kHistogramLanes; ++k) n += lanes[k * kHistogramBins + b];
+        hist[b] = n;
+        if (n == 0) continue;
+        valid += n;
+        sum += static_cast<uint64_t>(n) * b;
+        max_d = std::max(max_d, b);
+        min_d = std::min(min_d, b);
     }
     info->min_disparity = static_cast<uint16_t>(min_d);
     info->max_disparity = static_cast<uint16_t>(max_d);
@@ -261,7 +269,7 @@ int KSCamera::calculate_rect_distance(_ks_rect_distance_info_s* info) {
     uint64_t seen = 0;
     const uint32_t walk_end = std::min<uint32_t>(max_d, kHistogramBins);
     for (uint32_t b = 1; b < walk_end; ++b) {
-        for (size_t k = 0; k < kHistogramLanes; ++k) seen += lanes[k * kLaneBins + b];
+        seen += hist[b];
         if (seen > half) {
             info->median_disparity = static_cast<uint16_t>(b);
             break;

@@ -109,29 +109,34 @@ inline uint32_t find_root(uint32_t* parent, uint32_t x) {
 }  // namespace
 
 uint64_t label_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
-    uint16_t* grid = w.grid.data();
-    uint32_t* label = w.label.data();
-    uint32_t* size = w.region_size.data();
-    uint32_t* parent = w.parent.data();
+    uint16_t* const grid = w.grid.data();
+    uint32_t* const label = w.label.data();
+    uint32_t* const size = w.region_size.data();
+    uint32_t* const parent = w.parent.data();
     parent[0] = 0;
     size[0] = 0;
     if (a.empty()) return 0;
 
     // Single pass: every root has a smaller label than its members, so the
-    // smaller root wins a merge.
+    // smaller root wins a merge. Sizes are counted per label (in runs, to
+    // keep the counter out of the per-sample path) and summed into the roots
+    // afterwards.
     const size_t W = g.width;
+    const int r0 = a.r0, r1 = a.r1, c0 = a.c0, c1 = a.c1;
     uint32_t next = 1;
-    for (int r = a.r0; r <= a.r1; ++r) {
+    uint32_t run_label = 0;
+    uint32_t run = 0;
+    for (int r = r0; r <= r1; ++r) {
         const uint16_t* row = grid + static_cast<size_t>(r) * W;
         uint32_t* lab = label + static_cast<size_t>(r) * W;
-        for (int c = a.c0; c <= a.c1; ++c) {
+        for (int c = c0; c <= c1; ++c) {
             const uint16_t v = row[c];
             if (v == 0) {
                 lab[c] = 0;
                 continue;
             }
-            const bool up = r > a.r0 && row[c - W] != 0 && connected(row[c - W], v);
-            const bool left = c > a.c0 && row[c - 1] != 0 && connected(row[c - 1], v);
+            const bool up = r > r0 && row[c - W] != 0 && connected(row[c - W], v);
+            const bool left = c > c0 && row[c - 1] != 0 && connected(row[c - 1], v);
             uint32_t root;
             if (left) {
                 // The left neighbour was given a root one step ago.
@@ -152,9 +157,15 @@ uint64_t label_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
                 size[root] = 0;
             }
             lab[c] = root;
-            ++size[root];
+            if (root != run_label) {
+                size[run_label] += run;
+                run_label = root;
+                run = 0;
+            }
+            ++run;
         }
     }
+    size[run_label] += run;
 
     // Children carry higher labels than their parents: walking down adds
     // every count to its root before the root itself is looked at.
@@ -167,6 +178,7 @@ uint64_t label_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
         }
     }
     // Every label now points at its root, and carries its region's size.
+    size[0] = 0;
     for (uint32_t l = 1; l < next; ++l) {
         parent[l] = parent[parent[l]];
         size[l] = size[parent[l]];
@@ -176,12 +188,18 @@ uint64_t label_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
 
 void clear_small_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
     if (a.empty()) return;
-    uint16_t* grid = w.grid.data();
-    for (int r = a.r0; r <= a.r1; ++r) {
-        const size_t row = static_cast<size_t>(r) * g.width;
-        for (int c = a.c0; c <= a.c1; ++c) {
-            const size_t i = row + static_cast<size_t>(c);
-            if (grid[i] != 0 && region_of(w, i) <= kClearedRegionMax) grid[i] = 0;
+    uint16_t* const grid = w.grid.data();
+    const uint32_t* const label = w.label.data();
+    const uint32_t* const size = w.region_size.data();
+    const size_t W = g.width;
+    const int r0 = a.r0, r1 = a.r1, c0 = a.c0, c1 = a.c1;
+    for (int r = r0; r <= r1; ++r) {
+        uint16_t* row = grid + static_cast<size_t>(r) * W;
+        const uint32_t* lab = label + static_cast<size_t>(r) * W;
+        for (int c = c0; c <= c1; ++c) {
+            // Empty samples carry label 0, whose size is 0: they stay 0.
+            const uint16_t keep = size[lab[c]] > kClearedRegionMax ? 0xFFFF : 0;
+            row[c] &= keep;
         }
     }
 }
@@ -223,19 +241,25 @@ void keep_unique_matches(const Grid& g, KSDisparityWork& w) {
 void upsample(const Grid& g, const uint16_t* grid, uint16_t min_limit, uint16_t max_limit,
               uint16_t width, uint16_t* disparity) {
     const size_t f = g.factor;
-    for (size_t r = 0; r < g.height; ++r) {
-        const uint16_t* in = grid + r * g.width;
+    const size_t W = g.width;
+    const size_t H = g.height;
+    // min_limit < d < max_limit, as one unsigned comparison: d - min_limit - 1
+    // below max_limit - min_limit - 1 (nothing passes when the range is empty).
+    const uint32_t span = max_limit > min_limit ? max_limit - min_limit - 1u : 0u;
+    const uint32_t low = min_limit + 1u;
+    for (size_t r = 0; r < H; ++r) {
+        const uint16_t* in = grid + r * W;
         uint16_t* out = disparity + r * f * width;
         if (f == 1) {
-            for (size_t c = 0; c < g.width; ++c) {
-                const uint16_t d = in[c];
-                out[c] = (min_limit < d && d < max_limit) ? d : 0;
+            for (size_t c = 0; c < W; ++c) {
+                const uint32_t d = in[c];
+                out[c] = static_cast<uint16_t>((d - low) < span ? d : 0);
             }
         } else {
             uint16_t* out2 = out + width;
-            for (size_t c = 0; c < g.width; ++c) {
-                const uint16_t d = in[c];
-                const uint32_t v = (min_limit < d && d < max_limit) ? d : 0;
+            for (size_t c = 0; c < W; ++c) {
+                const uint32_t d = in[c];
+                const uint32_t v = (d - low) < span ? d : 0;
                 const uint32_t pair = v | (v << 16);  // the block's two columns
                 std::memcpy(out + 2 * c, &pair, sizeof pair);
                 std::memcpy(out2 + 2 * c, &pair, sizeof pair);
