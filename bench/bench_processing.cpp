@@ -82,10 +82,12 @@ double memcpy_seconds() {
     static double best = 0;
     if (best > 0) return best;
     std::vector<uint16_t> src(kPixels, 7), dst(kPixels);
-    best = best_seconds([&] {
-        std::memcpy(dst.data(), src.data(), kPixels * sizeof(uint16_t));
-        benchmark::ClobberMemory();
-    }, 7, 50);
+    best = best_seconds(
+        [&] {
+            std::memcpy(dst.data(), src.data(), kPixels * sizeof(uint16_t));
+            benchmark::ClobberMemory();
+        },
+        7, 50);
     return best;
 }
 
@@ -153,10 +155,12 @@ void PointCloud(benchmark::State& state) {
     report(state, t);
     state.counters["points"] = count;
     std::vector<float> from(kPixels * 3, 1.0f), to(kPixels * 3);
-    const double output_copy = best_seconds([&] {
-        std::memcpy(to.data(), from.data(), from.size() * sizeof(float));
-        benchmark::ClobberMemory();
-    }, 5, 5);
+    const double output_copy = best_seconds(
+        [&] {
+            std::memcpy(to.data(), from.data(), from.size() * sizeof(float));
+            benchmark::ClobberMemory();
+        },
+        5, 5);
     state.counters["ratio_to_output_memcpy"] = t.best / output_copy;
 #ifdef KS_BENCH_WITH_OPENCV
     // The same geometry as a reprojection matrix: disparity in 1/32 pixel,
@@ -170,10 +174,12 @@ void PointCloud(benchmark::State& state) {
         d16.ptr<int16_t>()[i] = static_cast<int16_t>(room().disparity[i]);
     cv::Mat xyz;
     cv::reprojectImageTo3D(d16, xyz, q, false, CV_32F);
-    const double reference = best_seconds([&] {
-        cv::reprojectImageTo3D(d16, xyz, q, false, CV_32F);
-        benchmark::ClobberMemory();
-    }, 5, 5);
+    const double reference = best_seconds(
+        [&] {
+            cv::reprojectImageTo3D(d16, xyz, q, false, CV_32F);
+            benchmark::ClobberMemory();
+        },
+        5, 5);
     state.counters["opencv_ms"] = reference * 1e3;
     state.counters["ratio_to_opencv"] = t.best / reference;
 #endif
@@ -229,8 +235,7 @@ void SpeckleRegions(benchmark::State& state) {
 #ifdef KS_BENCH_WITH_OPENCV
     cv::setNumThreads(1);
     cv::Mat source(g.height, g.width, CV_16SC1);
-    for (size_t i = 0; i < g.pixels; ++i)
-        source.ptr<int16_t>()[i] = static_cast<int16_t>(grid[i]);
+    for (size_t i = 0; i < g.pixels; ++i) source.ptr<int16_t>()[i] = static_cast<int16_t>(grid[i]);
     cv::Mat img;
     cv::Mat buf;
     double reference = 1e9;

@@ -13,7 +13,9 @@
 
 struct DisparityMaps {
     DisparityMaps(uint16_t w, uint16_t h, uint8_t grey_value = 128)
-        : width(w), height(h), input(static_cast<size_t>(w) * h, 0),
+        : width(w),
+          height(h),
+          input(static_cast<size_t>(w) * h, 0),
           grey(static_cast<size_t>(w) * h, grey_value) {}
 
     // The input sample that lands at output pixel (r, c) at full resolution.
@@ -44,8 +46,7 @@ struct DisparityMaps {
         const int c0 = (27 / factor + 1) * factor;
         const int c1 = (width / factor - 29 / factor - 1) * factor + factor - 1;
         for (int r = r0; r < r0 + rows; ++r)
-            for (int c = c0; c <= c1; ++c)
-                put(r, c, ((r / factor + c / factor) & 1) ? 500 : 1000);
+            for (int c = c0; c <= c1; ++c) put(r, c, ((r / factor + c / factor) & 1) ? 500 : 1000);
     }
 
     uint16_t width;

@@ -25,8 +25,7 @@ struct SceneFrame {
 // KSSIM_CHANNEL_RGBD (processed). Returns false when the camera cannot be
 // made.
 inline bool render_scene_frame(kssim_scene_kind kind, double distance_mm, uint16_t width,
-                               uint16_t height, uint8_t channel, bool with_truth,
-                               SceneFrame* out) {
+                               uint16_t height, uint8_t channel, bool with_truth, SceneFrame* out) {
     kssim_world* world = kssim_world_create();
     if (world == nullptr) return false;
     kssim_camera_config cfg;

@@ -8,18 +8,17 @@
 #include <vector>
 
 struct MapQuality {
-    double valid_share = 0.0;        // non-zero pixels / all pixels
-    double mean_error_mm = 0.0;      // mean |32 x bxf / d - truth| over valid pixels with truth
-    double mean_error_share = 0.0;   // the same relative to the truth
-    double outlier_share = 0.0;      // valid pixels more than 10 % off the truth
+    double valid_share = 0.0;       // non-zero pixels / all pixels
+    double mean_error_mm = 0.0;     // mean |32 x bxf / d - truth| over valid pixels with truth
+    double mean_error_share = 0.0;  // the same relative to the truth
+    double outlier_share = 0.0;     // valid pixels more than 10 % off the truth
 };
 
 // Over the pixels at least margin away from every image edge; the truth of
 // pixel (r, c) is looked up at (r + truth_rows, c + truth_cols).
 inline MapQuality map_quality(const std::vector<uint16_t>& disparity,
-                              const std::vector<double>& truth_mm, float bxf, int width,
-                              int height, int margin = 0, int truth_rows = 0,
-                              int truth_cols = 0) {
+                              const std::vector<double>& truth_mm, float bxf, int width, int height,
+                              int margin = 0, int truth_rows = 0, int truth_cols = 0) {
     MapQuality q;
     size_t pixels = 0;
     size_t valid = 0;

@@ -68,8 +68,7 @@ TEST(DenseDisparity, HolesAreInterpolatedWithinTheDistanceTolerance) {
     struct Case {
         uint16_t above, below;
         bool filled;
-    } cases[] = {
-        {200, 229, true}, {200, 231, false}, {3000, 3500, true}, {3000, 3600, false}};
+    } cases[] = {{200, 229, true}, {200, 231, false}, {3000, 3500, true}, {3000, 3600, false}};
     for (const Case& k : cases) {
         ProcessingCamera cam;
         DisparityMaps m(640, 480);
@@ -172,8 +171,9 @@ TEST(DenseDisparity, MissingGeometryOrImagesAreRefused) {
 // read or written outside width x height (checked under ASan).
 TEST(DisparityProcessing, AnySizeStaysWithinTheMaps) {
     const std::pair<uint16_t, uint16_t> sizes[] = {
-        {1, 1},     {2, 3},     {41, 41},   {57, 13},   {64, 9},    {100, 40},  {320, 240},
-        {639, 479}, {641, 481}, {1279, 719}, {1280, 720}, {1281, 3}, {643, 12}, {160, 120}};
+        {1, 1},     {2, 3},     {41, 41},   {57, 13},    {64, 9},     {100, 40},
+        {320, 240}, {639, 479}, {641, 481}, {1279, 719}, {1280, 720}, {1281, 3},
+        {643, 12},  {160, 120}, {4001, 23}, {65535, 2},  {2, 4000}};
     std::mt19937 rng(11);
     ProcessingCamera cam;
     for (const auto& s : sizes) {
@@ -184,14 +184,14 @@ TEST(DisparityProcessing, AnySizeStaysWithinTheMaps) {
             for (size_t i = 0; i < n; ++i) {
                 // Mostly smooth values with holes and outliers, all 16 bits.
                 const uint32_t r = rng();
-                disparity[i] = (r & 7) == 0 ? 0 : (r & 63) == 1 ? static_cast<uint16_t>(r >> 16)
-                                                               : static_cast<uint16_t>(800 + (i % 7));
+                disparity[i] = (r & 7) == 0    ? 0
+                               : (r & 63) == 1 ? static_cast<uint16_t>(r >> 16)
+                                               : static_cast<uint16_t>(800 + (i % 7));
                 grey[i] = static_cast<uint8_t>(r >> 8);
             }
-            const int rc = op == 0 ? cam.dense_disparity(s.first, s.second, disparity.data(),
-                                                         grey.data())
-                                   : cam.filter_disparity(s.first, s.second, disparity.data(),
-                                                          grey.data());
+            const int rc =
+                op == 0 ? cam.dense_disparity(s.first, s.second, disparity.data(), grey.data())
+                        : cam.filter_disparity(s.first, s.second, disparity.data(), grey.data());
             EXPECT_EQ(0, rc) << s.first << " x " << s.second << " op " << op;
         }
     }

@@ -22,6 +22,19 @@ TEST(LineOffset, OnlyTheFirstCallOfTheProcessReadsAndAppliesIt) {
         },
         ::testing::ExitedWithCode(0), "");
 
+    // A line offset beyond any image moves every row out of the map: nothing
+    // is read past it, the frame simply comes back empty.
+    EXPECT_EXIT(
+        {
+            ProcessingCamera cam;
+            cam.line_offset = -1e30f;
+            DisparityMaps m(640, 480);
+            m.block(40, 100, 10, 10, 1000);
+            const int rc = cam.dense_disparity(640, 480, m.input.data(), m.grey.data());
+            std::exit(rc == 0 && m.count_nonzero() == 0 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+
     // Line offset -2.3: the first frame reads 3 + ceil(2.3) = 6 rows further
     // down; every later frame of either operation reads 3 rows down.
     ProcessingCamera cam;

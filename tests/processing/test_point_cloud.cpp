@@ -73,6 +73,25 @@ TEST(PointCloud, PointsArePackedWithSignsAndDistances) {
     for (int i = 0; i < 48; ++i) EXPECT_EQ(0.0f, x2[i] + y2[i] + z2[i]);
 }
 
+TEST(PointCloud, BuffersFollowALargerResolution) {
+    std::unique_ptr<ProcessingCamera> cam(make_camera(8, 6));
+    std::vector<uint16_t> small(8 * 6, 64);
+    uint32_t count = 0;
+    float *x = nullptr, *y = nullptr, *z = nullptr;
+    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(small.data(), &count, &x, &y, &z));
+    EXPECT_EQ(48u, count);
+
+    // The stream's size grew: the buffers must hold the larger image.
+    cam->set_image_size(33, 17);
+    std::vector<uint16_t> large(33 * 17, 64);
+    large[0] = 0;
+    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(large.data(), &count, &x, &y, &z));
+    EXPECT_EQ(33u * 17u - 1u, count);
+    EXPECT_FLOAT_EQ(15000.0f, z[count - 1]);
+    EXPECT_FLOAT_EQ((32 - 16) * 30.0f, x[count - 1]);  // last column, 60 x 32 / 64 per pixel
+    EXPECT_FLOAT_EQ((8 - 16) * 30.0f, y[count - 1]);
+}
+
 TEST(PointCloud, ArgumentsAndMissingEnvironmentAreReported) {
     std::unique_ptr<ProcessingCamera> cam(make_camera(8, 6));
     std::vector<uint16_t> map(48, 0);
@@ -103,7 +122,8 @@ TEST(PointCloud, ArgumentsAndMissingEnvironmentAreReported) {
 
 TEST(PointCloud, FlatWallMatchesTheSceneGroundTruth) {
     SceneFrame f;
-    ASSERT_TRUE(render_scene_frame(KSSIM_SCENE_WALL, 1500.0, 640, 480, KSSIM_CHANNEL_RGBD, true, &f));
+    ASSERT_TRUE(
+        render_scene_frame(KSSIM_SCENE_WALL, 1500.0, 640, 480, KSSIM_CHANNEL_RGBD, true, &f));
     std::unique_ptr<ProcessingCamera> cam(make_camera(f.width, f.height, f.bxf, f.baseline));
     uint32_t count = 0;
     float *x = nullptr, *y = nullptr, *z = nullptr;
@@ -135,7 +155,7 @@ TEST(PointCloud, FlatWallMatchesTheSceneGroundTruth) {
         }
     }
     EXPECT_EQ(count, k);
-    EXPECT_LT(worst_z, 0.002);  // disparity steps of 1/32 pixel
+    EXPECT_LT(worst_z, 0.002);                        // disparity steps of 1/32 pixel
     EXPECT_LT(worst_xy, 1.0 * 1500.0 / focal + 2.0);  // within a pixel on the wall
 }
 

@@ -20,8 +20,8 @@ ProcessingCamera* camera_for(const SceneFrame& f) {
 
 TEST(RoomScene, SpeckleRemovalBringsTheRawDisparityCloserToTheTruth) {
     SceneFrame f;
-    ASSERT_TRUE(render_scene_frame(KSSIM_SCENE_ROOM, 0.0, 1280, 720,
-                                   KSSIM_CHANNEL_ORIGIN_DISPARITY, true, &f));
+    ASSERT_TRUE(render_scene_frame(KSSIM_SCENE_ROOM, 0.0, 1280, 720, KSSIM_CHANNEL_ORIGIN_DISPARITY,
+                                   true, &f));
     std::unique_ptr<ProcessingCamera> cam(camera_for(f));
     std::vector<uint16_t> densified = f.disparity;
     ASSERT_EQ(0, cam->dense_disparity(f.width, f.height, densified.data(), f.grey.data()));

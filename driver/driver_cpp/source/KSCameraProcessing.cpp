@@ -230,8 +230,7 @@ int KSCamera::calculate_rect_distance(_ks_rect_distance_info_s* info) {
         const uint32_t c_end = std::min<uint32_t>(last_col, image_width - 1);
         const size_t columns = c_end - info->x + 1;
         for (uint32_t r = info->y; r <= r_end; ++r) {
-            const uint16_t* row =
-                info->disparity + static_cast<size_t>(r) * image_width + info->x;
+            const uint16_t* row = info->disparity + static_cast<size_t>(r) * image_width + info->x;
             size_t c = 0;
             for (; c + kHistogramLanes <= columns; c += kHistogramLanes) {
                 for (size_t k = 0; k < kHistogramLanes; ++k)

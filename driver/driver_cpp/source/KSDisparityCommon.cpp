@@ -300,9 +300,9 @@ int KSCamera::resolve_start_offset(uint16_t grid_width) {
 bool KSCamera::drop_back_lit_frame(uint64_t small_pixels, uint32_t grid_pixels, uint16_t width,
                                    uint16_t height, uint8_t* image) {
     const bool back_lit = KsBackLightingAdjust(width, height, image);
-    const float share =
-        grid_pixels == 0 ? 0.0f
-                         : static_cast<float>(small_pixels) / static_cast<float>(grid_pixels);
+    const float share = grid_pixels == 0
+                            ? 0.0f
+                            : static_cast<float>(small_pixels) / static_cast<float>(grid_pixels);
     if (share > m_small_region_ratio_threshold && back_lit) {
         if (m_small_region_ratio_threshold == ks_disparity::kBackLightThreshold)
             m_small_region_ratio_threshold = ks_disparity::kBackLightThresholdAfterDrop;

@@ -47,10 +47,10 @@ constexpr float kBackLightThreshold = 0.4f;
 constexpr float kBackLightThresholdAfterDrop = 0.38f;
 
 struct Grid {
-    uint8_t factor = 1;    // 2 when the width is above 640, else 1
-    uint16_t width = 0;    // full width / factor
-    uint16_t height = 0;   // full height / factor
-    uint32_t pixels = 0;   // width x height
+    uint8_t factor = 1;   // 2 when the width is above 640, else 1
+    uint16_t width = 0;   // full width / factor
+    uint16_t height = 0;  // full height / factor
+    uint32_t pixels = 0;  // width x height
 };
 
 // Inclusive bounds of the samples inside the border; empty when r0 > r1 or

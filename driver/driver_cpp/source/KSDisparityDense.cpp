@@ -54,8 +54,7 @@ inline uint16_t tolerance(const uint16_t* table, uint32_t d) {
 // Nearest non-zero value above and to the left of every empty sample
 // (forward scan), below and to the right (backward scan), with the distance
 // in steps; value 0 means none within the area.
-void nearest_values(const ks_disparity::Grid& g, const ks_disparity::Area& a,
-                    KSDisparityWork& w) {
+void nearest_values(const ks_disparity::Grid& g, const ks_disparity::Area& a, KSDisparityWork& w) {
     const uint16_t* grid = w.grid.data();
     uint16_t* uv = w.up_value.data();
     uint16_t* us = w.up_steps.data();
@@ -226,8 +225,7 @@ inline void measure_row_support(const ks_disparity::Area& a, const uint16_t* dis
 // results summed over the rows of its vertical arms), when both are non-zero
 // and their non-zero samples make up more than a third of their support.
 // Everything is measured on the map as interpolation left it.
-void guided_average(const ks_disparity::Grid& g, const ks_disparity::Area& a,
-                    KSDisparityWork& w) {
+void guided_average(const ks_disparity::Grid& g, const ks_disparity::Area& a, KSDisparityWork& w) {
     uint16_t* grid = w.grid.data();
     uint16_t* before = w.snapshot.data();
     const uint8_t* grey = w.grey.data();
@@ -315,8 +313,8 @@ int KSCamera::dense_disparity(uint16_t width, uint16_t height, uint16_t* dispari
     if (!w.label.reserve(n)) return -2;
     if (!w.region_size.reserve(n + 1)) return -3;
     if (!w.parent.reserve(n + 1)) return -4;
-    KSWorkBuffer<uint16_t>* directional[] = {&w.up_value,   &w.up_steps,    &w.left_value,
-                                             &w.left_steps, &w.down_value,  &w.down_steps,
+    KSWorkBuffer<uint16_t>* directional[] = {&w.up_value,    &w.up_steps,   &w.left_value,
+                                             &w.left_steps,  &w.down_value, &w.down_steps,
                                              &w.right_value, &w.right_steps};
     int code = -5;
     for (KSWorkBuffer<uint16_t>* plane : directional) {
