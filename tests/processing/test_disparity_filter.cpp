@@ -6,6 +6,7 @@
 #include <string>
 
 #include "disparity_maps.h"
+#include "driver/driver_cpp/source/KSDisparityCommon.h"
 #include "processing_camera.h"
 
 namespace {
@@ -217,4 +218,17 @@ TEST(DisparityFilter, BadLimitArgumentsAndMissingGeometryAreRefused) {
     DisparityMaps m(640, 480);
     EXPECT_EQ(-1, bare.filter_disparity(m.width, m.height, m.input.data(), m.grey.data()));
     EXPECT_EQ(-1, cam.filter_disparity(m.width, m.height, nullptr, m.grey.data()));
+}
+
+TEST(DisparityFilter, UpwardLineOffsetsShiftByTheirMagnitudeRoundedUp) {
+    EXPECT_EQ(0u, ks_disparity::line_offset_rows(0.0f));
+    EXPECT_EQ(0u, ks_disparity::line_offset_rows(2.7f));         // downward: no shift
+    EXPECT_EQ(0u, ks_disparity::line_offset_rows(-0.0000005f));  // below 0.000001
+    EXPECT_EQ(1u, ks_disparity::line_offset_rows(-0.1f));
+    EXPECT_EQ(1u, ks_disparity::line_offset_rows(-1.0f));
+    EXPECT_EQ(2u, ks_disparity::line_offset_rows(-1.5f));
+    EXPECT_EQ(3u, ks_disparity::line_offset_rows(-2.3f));
+    EXPECT_EQ(65535u, ks_disparity::line_offset_rows(-1e30f));
+    EXPECT_EQ(65535u, ks_disparity::line_offset_rows(-INFINITY));
+    EXPECT_EQ(0u, ks_disparity::line_offset_rows(NAN));
 }

@@ -28,7 +28,7 @@ uint32_t line_offset_rows(float offset) {
     const double a = -static_cast<double>(offset);
     const double v = a + (std::ceil(a) - a) * 0.5;
     const double k = std::floor(v + 0.5);
-    return k >= 65535.0 ? 65535u : static_cast<uint32_t>(k);
+    return k < 65535.0 ? static_cast<uint32_t>(k) : 65535u;  // also for an infinite offset
 }
 
 void downsample(const Grid& g, const uint16_t* disparity, uint16_t width, uint16_t height,

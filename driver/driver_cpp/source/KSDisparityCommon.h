@@ -85,16 +85,13 @@ void downsample_grey(const Grid& g, const uint8_t* image, uint16_t width, uint8_
 // samples in regions smaller than kSmallRegionLimit.
 uint64_t label_regions(const Grid& g, const Area& area, KSDisparityWork& w);
 
-// Size of the region of a labelled, non-zero sample.
-inline uint32_t region_of(const KSDisparityWork& w, size_t i) {
-    return w.region_size.data()[w.label.data()[i]];
-}
-
+// After label_regions: clears every sample of a region of at most 99 samples.
 void clear_small_regions(const Grid& g, const Area& area, KSDisparityWork& w);
 void clear_grid(const Grid& g, uint16_t* grid);
 
 // One match per target column (d >> 5) + c, rows bottom up, columns right to
-// left: the right-hand sample of two that map onto one column is kept. Runs
+// left: the right-hand sample of two that map onto one column is kept, and a
+// clash flag carried from row to row decides the sample after a clash. Runs
 // after clear_small_regions, so every remaining sample's region is large
 // enough to be kept.
 void keep_unique_matches(const Grid& g, KSDisparityWork& w);
