@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "processing_camera.h"
-#include "scene_frames.h"
 
 namespace {
 
@@ -118,45 +117,6 @@ TEST(PointCloud, ArgumentsAndMissingEnvironmentAreReported) {
     info.height = 2;
     info.disparity = nullptr;
     EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
-}
-
-TEST(PointCloud, FlatWallMatchesTheSceneGroundTruth) {
-    SceneFrame f;
-    ASSERT_TRUE(
-        render_scene_frame(KSSIM_SCENE_WALL, 1500.0, 640, 480, KSSIM_CHANNEL_RGBD, true, &f));
-    std::unique_ptr<ProcessingCamera> cam(make_camera(f.width, f.height, f.bxf, f.baseline));
-    uint32_t count = 0;
-    float *x = nullptr, *y = nullptr, *z = nullptr;
-    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(f.disparity.data(), &count, &x, &y, &z));
-    ASSERT_GT(count, 640u * 400u);
-
-    const double focal = static_cast<double>(f.bxf) / f.baseline;
-    uint32_t k = 0;
-    double worst_z = 0.0;
-    double worst_xy = 0.0;
-    for (int r = 0; r < f.height; ++r) {
-        for (int c = 0; c < f.width; ++c) {
-            if (f.disparity[r * f.width + c] == 0) continue;
-            ASSERT_LT(k, count);
-            const double truth = f.truth_mm[r * f.width + c];
-            ASSERT_GT(truth, 0.0);
-            worst_z = std::max(worst_z, std::fabs(z[k] - truth) / truth);
-            // Metric position of the pixel on the wall, image centre as origin.
-            const double tx = (c - (f.width - 1) / 2.0) * truth / focal;
-            const double ty = ((f.height - 1) / 2.0 - r) * truth / focal;
-            worst_xy = std::max({worst_xy, std::fabs(x[k] - tx), std::fabs(y[k] - ty)});
-            if (c < f.width / 2) {
-                EXPECT_LT(x[k], 0.0f);
-            }
-            if (r < f.height / 2) {
-                EXPECT_GT(y[k], 0.0f);
-            }
-            ++k;
-        }
-    }
-    EXPECT_EQ(count, k);
-    EXPECT_LT(worst_z, 0.002);                        // disparity steps of 1/32 pixel
-    EXPECT_LT(worst_xy, 1.0 * 1500.0 / focal + 2.0);  // within a pixel on the wall
 }
 
 TEST(RectDistance, AllZeroRectangleKeepsTheStartValues) {
