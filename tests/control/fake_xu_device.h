@@ -1,0 +1,287 @@
+// A scripted extension unit behind the platform seam, for the control tests
+// that need no simulated camera: it answers UVCIOC_CTRL_QUERY on one
+// descriptor, records every block sent, and hands out reply blocks that a
+// test script builds with its own encoder (independent of the library's).
+// Its clock only moves when the library sleeps, queries the device or reads
+// the clock, so time-outs are reached deterministically and fast.
+#ifndef KS_TEST_FAKE_XU_DEVICE_H
+#define KS_TEST_FAKE_XU_DEVICE_H
+
+#include <errno.h>
+#include <linux/usb/video.h>
+#include <linux/uvcvideo.h>
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "common/ks_platform.h"
+#include "control_protocol/protocol_master.h"
+#include "control_protocol/uvc_protocol_master.h"
+
+namespace fakexu {
+
+using Block = std::array<uint8_t, 320>;
+
+inline void put32(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 24);
+    p[1] = static_cast<uint8_t>(v >> 16);
+    p[2] = static_cast<uint8_t>(v >> 8);
+    p[3] = static_cast<uint8_t>(v);
+}
+inline uint32_t get32(const uint8_t* p) {
+    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+}
+
+// A request as the device decodes it.
+struct Request {
+    uint32_t tag, id, timestamp, reserved, command, parameter, length, checksum;
+    std::vector<uint8_t> data;
+    Block raw;
+    int fd = -1;  // descriptor the request was sent on
+};
+
+inline Request decode(const Block& b) {
+    Request r;
+    r.tag = get32(&b[0]);
+    r.id = get32(&b[4]);
+    r.timestamp = get32(&b[8]);
+    r.reserved = get32(&b[12]);
+    r.command = get32(&b[16]);
+    r.parameter = get32(&b[20]);
+    r.length = get32(&b[24]);
+    r.checksum = get32(&b[28]);
+    const uint32_t n = r.length <= 288 ? r.length : 288;
+    r.data.assign(b.begin() + 32, b.begin() + 32 + n);
+    r.raw = b;
+    return r;
+}
+
+// A well-formed block: tag, header words, data and its byte sum.
+struct Reply {
+    uint32_t tag = 0x01020304;
+    uint32_t id = 0;
+    uint32_t command = 0;  // without the reply flag
+    bool reply_flag = true;
+    uint32_t parameter = 0;
+    std::vector<uint8_t> data;
+    int64_t length = -1;    // length word; -1: data.size()
+    int64_t checksum = -1;  // -1: the byte sum of data
+    Block encode() const {
+        Block b{};
+        put32(&b[0], tag);
+        put32(&b[4], id);
+        put32(&b[16], command | (reply_flag ? 0x80000000u : 0u));
+        put32(&b[20], parameter);
+        put32(&b[24], length < 0 ? static_cast<uint32_t>(data.size()) : static_cast<uint32_t>(length));
+        uint32_t sum = 0;
+        for (uint8_t v : data) sum += v;
+        put32(&b[28], checksum < 0 ? sum : static_cast<uint32_t>(checksum));
+        std::memcpy(&b[32], data.data(), data.size() < 288 ? data.size() : 288);
+        return b;
+    }
+};
+
+inline Reply answer(const Request& req, std::vector<uint8_t> data = {}) {
+    Reply r;
+    r.id = req.id;
+    r.command = req.command;
+    r.parameter = req.parameter;
+    r.data = std::move(data);
+    return r;
+}
+
+// The device. One instance is installed at a time (the seam table holds
+// plain functions).
+class Device {
+  public:
+    static constexpr int kFd = 917;   // "/dev/fake-xu"
+    static constexpr int kFd2 = 918;  // "/dev/fake-xu2", a second camera
+    // Given a decoded request, the blocks the following GET_CUR queries return.
+    using Responder = std::function<std::vector<Block>(const Request&)>;
+
+    Device() {
+        ops_ = *ks_platform_default_ops();
+        ops_.ioctl = &Device::ioctl;
+        ops_.usleep = &Device::usleep;
+        ops_.clock_gettime = &Device::clock_gettime;
+        ops_.open = &Device::open;
+        ops_.close = &Device::close;
+        current() = this;
+        ks_platform_install(&ops_);
+    }
+    ~Device() {
+        ks_platform_reset();
+        current() = nullptr;
+    }
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    void respond(Responder r) {
+        std::lock_guard<std::mutex> g(m_);
+        responder_ = std::move(r);
+    }
+    // GET_CUR queries (counted from now) that fail with EIO.
+    void fail_receives(int n) { fail_receives_ = n; }
+    void fail_sends(int n) { fail_sends_ = n; }
+    void set_len_bytes(uint8_t b0, uint8_t b1) {
+        len_[0] = b0;
+        len_[1] = b1;
+    }
+
+    std::vector<Request> requests() {
+        std::lock_guard<std::mutex> g(m_);
+        return requests_;
+    }
+    void clear_requests() {
+        std::lock_guard<std::mutex> g(m_);
+        requests_.clear();
+    }
+    int receives() const { return receives_.load(); }
+    int64_t now_us() const { return now_us_.load(); }
+    std::vector<useconds_t> sleeps() {
+        std::lock_guard<std::mutex> g(m_);
+        return sleeps_;
+    }
+    // How many sleeps happened while the transport mutex was held.
+    int sleeps_under_mutex() const { return sleeps_under_mutex_.load(); }
+    uvc_xu_control_query last_query() {
+        std::lock_guard<std::mutex> g(m_);
+        return last_query_;
+    }
+    // Interleaving check: a request sent while another thread's exchange was
+    // waiting for its reply.
+    int interleaved() const { return interleaved_.load(); }
+
+  private:
+    static Device*& current() {
+        static Device* d = nullptr;
+        return d;
+    }
+
+    static int open(const char* path, int flags, mode_t mode) {
+        if (std::strcmp(path, "/dev/fake-xu") == 0) return kFd;
+        if (std::strcmp(path, "/dev/fake-xu2") == 0) return kFd2;
+        return ks_platform_default_ops()->open(path, flags, mode);
+    }
+    static int close(int fd) {
+        if (fd == kFd || fd == kFd2) return 0;
+        return ks_platform_default_ops()->close(fd);
+    }
+    static int usleep(useconds_t us) {
+        Device* d = current();
+        {
+            std::lock_guard<std::mutex> g(d->m_);
+            d->sleeps_.push_back(us);
+        }
+        if (!exchange_mutex_free()) d->sleeps_under_mutex_++;
+        d->now_us_ += us;
+        return 0;
+    }
+    // The exchange mutex is not recursive: a holder, the calling thread
+    // included, makes the probe fail.
+    static bool exchange_mutex_free() {
+        if (trylock_uvc_protocol_mutex() != 0) return false;
+        unlock_uvc_protocol_mutex();
+        return true;
+    }
+    // Reading the clock takes a little time too, so that a loop that polls
+    // nothing but the clock still sees it move.
+    static int clock_gettime(clockid_t, struct timespec* ts) {
+        const int64_t t = current()->now_us_.fetch_add(10) + 10;
+        ts->tv_sec = t / 1000000;
+        ts->tv_nsec = (t % 1000000) * 1000;
+        return 0;
+    }
+    static int ioctl(int fd, unsigned long request, void* arg) {
+        Device* d = current();
+        if (request != UVCIOC_CTRL_QUERY) return ks_platform_default_ops()->ioctl(fd, request, arg);
+        d->now_us_ += 100;
+        if (fd != kFd && fd != kFd2) {
+            errno = EBADF;
+            return -1;
+        }
+        auto* q = static_cast<uvc_xu_control_query*>(arg);
+        std::lock_guard<std::mutex> g(d->m_);
+        d->last_query_ = *q;
+        if (q->unit != 3 || q->selector != 1) {
+            errno = ENOENT;
+            return -1;
+        }
+        switch (q->query) {
+            case UVC_GET_LEN:
+                if (q->size != 2) break;
+                q->data[0] = d->len_[0];
+                q->data[1] = d->len_[1];
+                return 0;
+            case UVC_SET_CUR: {
+                if (q->size != 320) break;
+                if (d->fail_sends_ > 0) {
+                    --d->fail_sends_;
+                    errno = EPIPE;
+                    return -1;
+                }
+                Block b;
+                std::memcpy(b.data(), q->data, 320);
+                Request r = decode(b);
+                r.fd = fd;
+                if (d->awaiting_reply_) d->interleaved_++;
+                d->requests_.push_back(r);
+                d->pending_.clear();
+                if (d->responder_) {
+                    for (const Block& out : d->responder_(r)) d->pending_.push_back(out);
+                }
+                d->awaiting_reply_ = true;
+                return 0;
+            }
+            case UVC_GET_CUR: {
+                if (q->size != 320) break;
+                d->receives_++;
+                if (d->fail_receives_ > 0) {
+                    --d->fail_receives_;
+                    errno = EIO;
+                    return -1;
+                }
+                Block b{};
+                if (!d->pending_.empty()) {
+                    b = d->pending_.front();
+                    d->pending_.pop_front();
+                    if (get32(&b[16]) & 0x80000000u) d->awaiting_reply_ = false;
+                }
+                // Nothing pending: a block without the reply flag.
+                std::memcpy(q->data, b.data(), 320);
+                return 0;
+            }
+            default:
+                break;
+        }
+        errno = EINVAL;
+        return -1;
+    }
+
+    ks_platform_ops ops_;
+    std::mutex m_;
+    Responder responder_;
+    std::deque<Block> pending_;
+    std::vector<Request> requests_;
+    std::vector<useconds_t> sleeps_;
+    std::atomic<int64_t> now_us_{1000000};
+    std::atomic<int> receives_{0};
+    std::atomic<int> fail_receives_{0};
+    std::atomic<int> fail_sends_{0};
+    std::atomic<int> sleeps_under_mutex_{0};
+    std::atomic<int> interleaved_{0};
+    bool awaiting_reply_ = false;
+    uint8_t len_[2] = {0x40, 0x01};
+    uvc_xu_control_query last_query_{};
+};
+
+}  // namespace fakexu
+
+#endif

@@ -1,0 +1,633 @@
+// The control message protocol and its extension-unit transport, against a
+// scripted extension unit: checksum and byte orders, the exact bytes of
+// serialised requests, parsing of crafted blocks, every command with the
+// replies it accepts and refuses, the reply loop's limits and the multi-page
+// flash transfers.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "control_protocol/protocol_master.h"
+#include "control_protocol/uvc_protocol_master.h"
+#include "fake_xu_device.h"
+
+using fakexu::answer;
+using fakexu::Block;
+using fakexu::Device;
+using fakexu::Reply;
+using fakexu::Request;
+
+namespace {
+
+std::vector<Block> one(const Reply& r) {
+    return {r.encode()};
+}
+
+uint32_t byte_sum(const unsigned char* p, size_t n) {
+    uint32_t s = 0;
+    for (size_t i = 0; i < n; ++i) s += p[i];
+    return s;
+}
+
+void register_transport() {
+    uvc_protocol_master_init();
+    const _struct_protocol_functions uvc = {uvc_protocol_master_send_data,
+                                            uvc_protocol_master_receive_data,
+                                            uvc_protocol_get_current_timestamp};
+    protocol_master_init(&uvc);
+}
+
+class ProtocolTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        register_transport();
+        set_cur_uvc_fd(Device::kFd);
+    }
+    void TearDown() override { set_cur_uvc_fd(-1); }
+
+    // Every request answered with the same command and the given data.
+    void answer_with(std::vector<uint8_t> data) {
+        dev_.respond([data](const Request& r) { return one(answer(r, data)); });
+    }
+
+    Device dev_;
+};
+
+}  // namespace
+
+// ---- checksum and byte orders ----------------------------------------------
+
+TEST(ProtocolChecksum, EqualsThePlainByteSumWithWrapAround) {
+    const unsigned char ff[2] = {0xFF, 0xFF};
+    EXPECT_EQ(0x1FEu, get_data_checksum(ff, 2));
+    EXPECT_EQ(0u, get_data_checksum(ff, 0));
+    EXPECT_EQ(0u, get_data_checksum(nullptr, 16));
+
+    // Every length up to a few vector widths, at every alignment.
+    std::mt19937 rng(7);
+    std::vector<unsigned char> buf(600);
+    for (auto& b : buf) b = static_cast<unsigned char>(rng());
+    for (size_t offset = 0; offset < 16; ++offset)
+        for (size_t len = 0; len + offset <= 300; ++len)
+            ASSERT_EQ(byte_sum(buf.data() + offset, len),
+                      get_data_checksum(buf.data() + offset, static_cast<uint32_t>(len)))
+                << "offset " << offset << " length " << len;
+
+    // 17 MiB of 0xFF: the true sum passes 2^32 and wraps.
+    std::vector<unsigned char> big(17u << 20, 0xFF);
+    const uint64_t exact = 0xFFull * big.size();
+    EXPECT_GT(exact, 0xFFFFFFFFull);
+    EXPECT_EQ(static_cast<uint32_t>(exact),
+              get_data_checksum(big.data(), static_cast<uint32_t>(big.size())));
+}
+
+TEST(ProtocolByteOrder, HeaderWordsAreMostSignificantByteFirst) {
+    unsigned char s[4] = {};
+    EXPECT_EQ(4, data_to_stream_32(s, 0x01020304));
+    EXPECT_EQ(0x01, s[0]);
+    EXPECT_EQ(0x04, s[3]);
+    EXPECT_EQ(0x01020304u, data_to_local_32(s));
+    EXPECT_EQ(2, data_to_stream_16(s, 0xA1B2));
+    EXPECT_EQ(0xA1, s[0]);
+    EXPECT_EQ(0xB2, s[1]);
+    EXPECT_EQ(0xA1B2, data_to_local_16(s));
+    const unsigned char top[4] = {0xFF, 0x00, 0x00, 0x80};
+    EXPECT_EQ(0xFF000080u, data_to_local_32(top));
+
+    _struct_protocol_message m = {};
+    EXPECT_EQ(0, check_message_tag(&m));
+    m.tag = 0x01020304;
+    EXPECT_EQ(1, check_message_tag(&m));
+    m.command = 11;
+    EXPECT_EQ(0, message_check_reply(&m));
+    message_set_reply(&m);
+    EXPECT_EQ(0x8000000Bu, m.command);
+    EXPECT_EQ(1, message_check_reply(&m));
+    EXPECT_EQ(11u, m.command);
+}
+
+// ---- serialisation and parsing ---------------------------------------------
+
+TEST(ProtocolSerialise, StatusRequestBytesCarryWordsLeftByEarlierMessages) {
+    unsigned char data[256] = {};
+    _struct_protocol_message m = {0x01020304, 5, 0, 0xAABBCCDD, 11, 0x11223344, 0, 0x77, data};
+    unsigned char stream[320];
+    std::memset(stream, 0xEE, sizeof stream);
+    ASSERT_EQ(32, protocol_deal_message_description(&m, stream));
+    const unsigned char expected[32] = {0x01, 0x02, 0x03, 0x04, 0x00, 0x00, 0x00, 0x05,
+                                        0x00, 0x00, 0x00, 0x00, 0xAA, 0xBB, 0xCC, 0xDD,
+                                        0x00, 0x00, 0x00, 0x0B, 0x11, 0x22, 0x33, 0x44,
+                                        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+    EXPECT_EQ(0, std::memcmp(expected, stream, 32));
+    EXPECT_EQ(0u, m.checksum);
+    EXPECT_EQ(0xEE, stream[32]);
+
+    data[0] = 0xFF;
+    data[1] = 0xFF;
+    data[2] = 0x10;
+    m.length = 3;
+    ASSERT_EQ(35, protocol_deal_message_description(&m, stream));
+    EXPECT_EQ(0x20Eu, m.checksum);
+    EXPECT_EQ(0x20Eu, fakexu::get32(stream + 28));
+    EXPECT_EQ(0, std::memcmp(data, stream + 32, 3));
+
+    EXPECT_EQ(-1, protocol_deal_message_description(nullptr, stream));
+    EXPECT_EQ(-1, protocol_deal_message_description(&m, nullptr));
+    m.length = 257;
+    EXPECT_EQ(-1, protocol_deal_message_description(&m, stream));
+}
+
+TEST(ProtocolParse, CraftedBlocks) {
+    unsigned char data[256];
+    std::memset(data, 0x5A, sizeof data);
+    const _struct_protocol_message before = {1, 2, 3, 4, 5, 6, 7, 8, data};
+
+    Reply good;
+    good.id = 9;
+    good.command = 6;
+    good.parameter = 0xA10123;
+    good.data = {0x12, 0x34};
+    _struct_protocol_message m = before;
+    Block b = good.encode();
+    EXPECT_EQ(34, protocol_deal_data_stream(&m, b.data()));
+    EXPECT_EQ(9u, m.id);
+    EXPECT_EQ(0x80000006u, m.command);
+    EXPECT_EQ(0xA10123u, m.parameter);
+    EXPECT_EQ(2u, m.length);
+    EXPECT_EQ(0x46u, m.checksum);
+    EXPECT_EQ(0x12, data[0]);
+    EXPECT_EQ(0x34, data[1]);
+    EXPECT_EQ(0x5A, data[2]);
+
+    // A bad tag changes only the record's tag.
+    std::memset(data, 0x5A, sizeof data);
+    m = before;
+    Reply bad_tag = good;
+    bad_tag.tag = 0x04030201;
+    b = bad_tag.encode();
+    EXPECT_EQ(-1, protocol_deal_data_stream(&m, b.data()));
+    EXPECT_EQ(0x04030201u, m.tag);
+    EXPECT_EQ(before.command, m.command);
+    EXPECT_EQ(before.length, m.length);
+    EXPECT_EQ(0x5A, data[0]);
+
+    // A bad checksum is reported, but the record is updated all the same.
+    m = before;
+    Reply bad_sum = good;
+    bad_sum.checksum = 0x47;
+    b = bad_sum.encode();
+    EXPECT_EQ(-1, protocol_deal_data_stream(&m, b.data()));
+    EXPECT_EQ(0x80000006u, m.command);
+    EXPECT_EQ(0x12, data[0]);
+
+    // A length beyond the data buffer: nothing copied, nothing but the tag taken.
+    std::memset(data, 0x5A, sizeof data);
+    for (uint32_t len : {257u, 288u, 0xFFFFFFFFu}) {
+        m = before;
+        Reply big = good;
+        big.data.assign(288, 0xC3);
+        big.length = len;
+        b = big.encode();
+        EXPECT_EQ(PROTOCOL_PARSE_BAD_LENGTH, protocol_deal_data_stream(&m, b.data())) << len;
+        EXPECT_EQ(before.command, m.command);
+        EXPECT_EQ(before.length, m.length);
+        EXPECT_EQ(0x5A, data[0]);
+        EXPECT_EQ(0x5A, data[255]);
+    }
+
+    // Exactly the data buffer's size is fine.
+    Reply full = good;
+    full.data.assign(256, 0x01);
+    b = full.encode();
+    m = before;
+    EXPECT_EQ(288, protocol_deal_data_stream(&m, b.data()));
+    EXPECT_EQ(0x01, data[255]);
+
+    EXPECT_EQ(-1, protocol_deal_data_stream(nullptr, b.data()));
+    EXPECT_EQ(-1, protocol_deal_data_stream(&m, nullptr));
+}
+
+// ---- transport ---------------------------------------------------------------
+
+TEST_F(ProtocolTest, ExtensionUnitQueries) {
+    // Length: little-endian as UVC defines it.
+    dev_.set_len_bytes(0x40, 0x01);
+    EXPECT_EQ(320, uvc_get_extension_data_len(Device::kFd));
+    uvc_xu_control_query q = dev_.last_query();
+    EXPECT_EQ(3, q.unit);
+    EXPECT_EQ(1, q.selector);
+    EXPECT_EQ(0x85, q.query);
+    EXPECT_EQ(2, q.size);
+    EXPECT_EQ(-1, uvc_get_extension_data_len(-1));
+
+    // A send sets the new-request flag in the last byte and sends 320 bytes.
+    unsigned char block[320] = {0x01, 0x02, 0x03, 0x04};
+    EXPECT_EQ(320, uvc_protocol_master_send_data(block));
+    EXPECT_EQ(1, block[319]);
+    q = dev_.last_query();
+    EXPECT_EQ(0x01, q.query);
+    EXPECT_EQ(320, q.size);
+    ASSERT_EQ(1u, dev_.requests().size());
+    EXPECT_EQ(1, dev_.requests()[0].raw[319]);
+
+    EXPECT_EQ(0, uvc_protocol_master_receive_data(block));
+    EXPECT_EQ(0x81, dev_.last_query().query);
+    dev_.fail_receives(1);
+    EXPECT_EQ(-1, uvc_protocol_master_receive_data(block));
+    dev_.fail_sends(1);
+    EXPECT_EQ(-1, uvc_protocol_master_send_data(block));
+
+    EXPECT_EQ(320, uvc_set_extension_data(Device::kFd, block, 320));
+    EXPECT_EQ(-1, uvc_set_extension_data(Device::kFd, block, 64));  // the control is 320 bytes
+    EXPECT_EQ(-1, uvc_get_extension_data(Device::kFd, nullptr, 320));
+
+    unsigned int ts = 99;
+    EXPECT_EQ(0, uvc_protocol_get_current_timestamp(&ts));
+    EXPECT_EQ(0u, ts);
+}
+
+namespace {
+int g_custom_sends = 0;
+int custom_send(unsigned char*) {
+    ++g_custom_sends;
+    return 0;
+}
+int custom_receive(unsigned char*) {
+    return -1;
+}
+}  // namespace
+
+TEST_F(ProtocolTest, TransportInitialisationRegistersOnlyOnce) {
+    uvc_protocol_master_init();
+    const _struct_protocol_functions custom = {custom_send, custom_receive, nullptr};
+    protocol_master_init(&custom);
+    EXPECT_EQ(0, uvc_protocol_master_init());  // must not register the transport again
+    g_custom_sends = 0;
+    unsigned char status = 0;
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    EXPECT_EQ(1, g_custom_sends);
+    EXPECT_TRUE(dev_.requests().empty());
+
+    // Null entries fall back to functions that do nothing: with nothing
+    // registered the request is never answered and the exchange gives up.
+    protocol_master_init(nullptr);
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    EXPECT_TRUE(dev_.requests().empty());
+}
+
+TEST_F(ProtocolTest, NoSelectedDescriptorFailsAtTheFirstReceive) {
+    set_cur_uvc_fd(-1);
+    EXPECT_EQ(-1, get_cur_uvc_fd());
+    unsigned char status = 0;
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    EXPECT_TRUE(dev_.requests().empty());
+    set_cur_uvc_fd(Device::kFd);
+    EXPECT_EQ(Device::kFd, get_cur_uvc_fd());
+}
+
+// ---- commands ----------------------------------------------------------------
+
+TEST_F(ProtocolTest, RequestsCountIdsAndKeepWordsTheyDoNotSet) {
+    const uint32_t first = protocol_last_message_id() + 1;
+    dev_.respond([](const Request& r) {
+        Reply a = answer(r, {0x00});
+        a.parameter = 0xDEADBEEF;  // the slave's parameter word stays in the record
+        return one(a);
+    });
+    unsigned char status = 0;
+    ASSERT_EQ(0, protocol_get_status(&status));
+    ASSERT_EQ(0, protocol_get_status(&status));
+    const auto reqs = dev_.requests();
+    ASSERT_EQ(2u, reqs.size());
+    EXPECT_EQ(0x01020304u, reqs[0].tag);
+    EXPECT_EQ(first, reqs[0].id);
+    EXPECT_EQ(first + 1, reqs[1].id);
+    EXPECT_EQ(0u, reqs[1].timestamp);
+    EXPECT_EQ(11u, reqs[1].command);
+    EXPECT_EQ(0xDEADBEEFu, reqs[1].parameter);
+    EXPECT_EQ(0u, reqs[1].length);
+    EXPECT_EQ(0u, reqs[1].checksum);
+}
+
+TEST_F(ProtocolTest, VersionFlashAndSmallCommands) {
+    // Version: 32 bytes exactly.
+    std::vector<uint8_t> text(32, 0);
+    std::memcpy(text.data(), "3.1.7", 5);
+    answer_with(text);
+    unsigned char out[32] = {};
+    ASSERT_EQ(0, protocol_get_slaver_version(out));
+    EXPECT_STREQ("3.1.7", reinterpret_cast<char*>(out));
+    answer_with(std::vector<uint8_t>(31, 'v'));
+    EXPECT_EQ(-1, protocol_get_slaver_version(out));
+
+    // Flash pages: parameter aligned to 256, 256 data bytes each way.
+    std::vector<uint8_t> page(256);
+    for (int i = 0; i < 256; ++i) page[i] = static_cast<uint8_t>(255 - i);
+    answer_with(page);
+    dev_.clear_requests();
+    unsigned char got[256] = {};
+    ASSERT_EQ(0, protocol_flash_read_page(0x12345, got));
+    EXPECT_EQ(0, std::memcmp(page.data(), got, 256));
+    answer_with({});
+    ASSERT_EQ(0, protocol_flash_write_page(0x12345, page.data()));
+    ASSERT_EQ(0, protocol_flash_erase_sector(0x12345));
+    answer_with(std::vector<uint8_t>(255, 0));
+    EXPECT_EQ(-1, protocol_flash_read_page(0, got));
+    auto reqs = dev_.requests();
+    ASSERT_EQ(4u, reqs.size());
+    EXPECT_EQ(2u, reqs[0].command);
+    EXPECT_EQ(0x12300u, reqs[0].parameter);
+    EXPECT_EQ(0u, reqs[0].length);
+    EXPECT_EQ(3u, reqs[1].command);
+    EXPECT_EQ(0x12300u, reqs[1].parameter);
+    EXPECT_EQ(256u, reqs[1].length);
+    EXPECT_EQ(page, reqs[1].data);
+    EXPECT_EQ(byte_sum(page.data(), 256), reqs[1].checksum);
+    EXPECT_EQ(4u, reqs[2].command);
+    EXPECT_EQ(0x12000u, reqs[2].parameter);
+
+    // One-byte commands, GPIO and status.
+    dev_.clear_requests();
+    answer_with({});
+    EXPECT_EQ(0, protocol_update_eeprom(3));
+    EXPECT_EQ(0, protocol_set_asic(1));
+    EXPECT_EQ(0, protocol_set_gpio(17, 1));
+    answer_with({0x01});
+    unsigned char level = 0;
+    EXPECT_EQ(0, protocol_get_gpio(17, &level));
+    EXPECT_EQ(1, level);
+    answer_with({0x5C});
+    unsigned char status = 0;
+    EXPECT_EQ(0, protocol_get_status(&status));
+    EXPECT_EQ(0x5C, status);
+    answer_with({0x00, 0x01, 0x02, 0x03});
+    unsigned int count = 0;
+    EXPECT_EQ(0, protocol_get_reset_count(&count));
+    EXPECT_EQ(0x00010203u, count);
+    answer_with({0x00, 0x01});
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    EXPECT_EQ(-1, protocol_get_gpio(17, &level));
+    EXPECT_EQ(-1, protocol_get_reset_count(&count));
+    reqs = dev_.requests();
+    ASSERT_EQ(9u, reqs.size());
+    EXPECT_EQ(5u, reqs[0].command);
+    EXPECT_EQ(std::vector<uint8_t>({3}), reqs[0].data);
+    EXPECT_EQ(14u, reqs[1].command);
+    EXPECT_EQ(std::vector<uint8_t>({1}), reqs[1].data);
+    EXPECT_EQ(10u, reqs[2].command);
+    EXPECT_EQ(std::vector<uint8_t>({0x00, 17, 1}), reqs[2].data);
+    EXPECT_EQ(std::vector<uint8_t>({0x01, 17}), reqs[3].data);
+    EXPECT_EQ(11u, reqs[4].command);
+    EXPECT_EQ(15u, reqs[5].command);
+}
+
+TEST_F(ProtocolTest, IicTransfers) {
+    answer_with({0xAB, 0xCD});
+    unsigned char buf[4] = {};
+    ASSERT_EQ(0, protocol_iic_read(0xA1, 0x0123, buf, 2));
+    EXPECT_EQ(0xAB, buf[0]);
+    EXPECT_EQ(0xCD, buf[1]);
+    auto reqs = dev_.requests();
+    ASSERT_EQ(1u, reqs.size());
+    EXPECT_EQ(6u, reqs[0].command);
+    EXPECT_EQ(0x00A10123u, reqs[0].parameter);
+    EXPECT_EQ(std::vector<uint8_t>({0x02, 0x00, 0x00, 0x00}), reqs[0].data);  // little-endian
+
+    // Only a reply of exactly the requested length is taken.
+    buf[0] = 0;
+    answer_with({0xAB});
+    EXPECT_EQ(-1, protocol_iic_read(0xA1, 0x0123, buf, 2));
+    answer_with({0xAB, 0xCD, 0xEF});
+    EXPECT_EQ(-1, protocol_iic_read(0xA1, 0x0123, buf, 2));
+    EXPECT_EQ(0, buf[0]);
+    EXPECT_EQ(-1, protocol_iic_read(0xA1, 0x0123, nullptr, 2));
+
+    // Writes: at most 256 bytes, refused before anything is sent.
+    dev_.clear_requests();
+    answer_with({});
+    std::vector<unsigned char> data(257, 0x42);
+    EXPECT_EQ(-1, protocol_iic_write(0xCC, 0x10, data.data(), 257));
+    EXPECT_EQ(-1, protocol_iic_write(0xCC, 0x10, nullptr, 1));
+    EXPECT_TRUE(dev_.requests().empty());
+    ASSERT_EQ(0, protocol_iic_write(0xCC, 0x10, data.data(), 256));
+    reqs = dev_.requests();
+    ASSERT_EQ(1u, reqs.size());
+    EXPECT_EQ(7u, reqs[0].command);
+    EXPECT_EQ(0x00CC0010u, reqs[0].parameter);
+    EXPECT_EQ(256u, reqs[0].length);  // a 288-byte message
+    EXPECT_EQ(std::vector<uint8_t>(256, 0x42), reqs[0].data);
+}
+
+TEST_F(ProtocolTest, GpioGroups) {
+    answer_with({});
+    const unsigned char pins[3] = {4, 5, 17};
+    const unsigned char values[3] = {1, 0, 1};
+    ASSERT_EQ(0, protocol_set_gpios(pins, values, 3));
+    answer_with({0, 1, 1});
+    unsigned char got[3] = {};
+    ASSERT_EQ(0, protocol_get_gpios(pins, got, 3));
+    EXPECT_EQ(0, got[0]);
+    EXPECT_EQ(1, got[2]);
+    answer_with({0, 1});
+    EXPECT_EQ(-1, protocol_get_gpios(pins, got, 3));
+    auto reqs = dev_.requests();
+    ASSERT_EQ(3u, reqs.size());
+    EXPECT_EQ(7u, reqs[0].length);
+    EXPECT_EQ(std::vector<uint8_t>({0x00, 4, 1, 5, 0, 17, 1}), reqs[0].data);
+    EXPECT_EQ(std::vector<uint8_t>({0x01, 4, 5, 17}), reqs[1].data);
+
+    // 128 pairs do not fit one message.
+    dev_.clear_requests();
+    std::vector<unsigned char> many(128, 1);
+    EXPECT_EQ(-1, protocol_set_gpios(many.data(), many.data(), 128));
+    EXPECT_TRUE(dev_.requests().empty());
+    EXPECT_EQ(0, protocol_set_gpios(many.data(), many.data(), 127));
+    EXPECT_EQ(255u, dev_.requests().back().length);
+}
+
+TEST_F(ProtocolTest, ImuCopiesWholeRecordsOnly) {
+    std::vector<uint8_t> forty(40);
+    for (int i = 0; i < 40; ++i) forty[i] = static_cast<uint8_t>(i + 1);
+    answer_with(forty);
+    std::vector<unsigned char> out(256, 0xEE);
+    EXPECT_EQ(2, protocol_get_IMU(out.data()));
+    EXPECT_EQ(0, std::memcmp(forty.data(), out.data(), 32));
+    EXPECT_EQ(0xEE, out[32]);
+
+    answer_with(std::vector<uint8_t>(256, 7));
+    EXPECT_EQ(16, protocol_get_IMU(out.data()));
+    answer_with({});
+    EXPECT_EQ(0, protocol_get_IMU(out.data()));
+    answer_with(std::vector<uint8_t>(15, 1));
+    EXPECT_EQ(0, protocol_get_IMU(out.data()));
+    dev_.fail_receives(1);
+    EXPECT_EQ(-1, protocol_get_IMU(out.data()));
+}
+
+// ---- the reply loop ------------------------------------------------------------
+
+TEST_F(ProtocolTest, ReplyLoopSkipsBlocksThatAreNotTheReply) {
+    // Bad tag, then a good-tag block without the reply flag, then the reply.
+    dev_.respond([](const Request& r) {
+        Reply bad = answer(r, {0x99});
+        bad.tag = 0x04030201;
+        Reply no_flag = answer(r, {0x98});
+        no_flag.reply_flag = false;
+        return std::vector<Block>{bad.encode(), no_flag.encode(), answer(r, {0x07}).encode()};
+    });
+    const int before = dev_.receives();
+    unsigned char status = 0;
+    ASSERT_EQ(0, protocol_get_status(&status));
+    EXPECT_EQ(0x07, status);
+    EXPECT_EQ(3, dev_.receives() - before);
+
+    // A wrong checksum does not stop a reply from being taken.
+    dev_.respond([](const Request& r) {
+        Reply a = answer(r, {0x33});
+        a.checksum = 0x1234;
+        return one(a);
+    });
+    ASSERT_EQ(0, protocol_get_status(&status));
+    EXPECT_EQ(0x33, status);
+
+    // A reply to another command is refused.
+    dev_.respond([](const Request& r) {
+        Reply a = answer(r, {0x01});
+        a.command = 12;
+        return one(a);
+    });
+    EXPECT_EQ(-1, protocol_get_status(&status));
+}
+
+TEST_F(ProtocolTest, ReplyLoopEndsOnFailuresOversizeAndSilence) {
+    unsigned char status = 0;
+    answer_with({0x01});
+    ASSERT_EQ(0, protocol_get_status(&status));
+    // A failing receive ends the exchange at once.
+    dev_.fail_receives(1);
+    int before = dev_.receives();
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    EXPECT_EQ(1, dev_.receives() - before);
+
+    // A length beyond the data buffer ends it before anything is copied,
+    // even though a good reply would follow.
+    dev_.respond([](const Request& r) {
+        Reply big = answer(r, std::vector<uint8_t>(288, 0xC3));
+        big.length = 0x101;
+        return std::vector<Block>{big.encode(), answer(r, {0x02}).encode()};
+    });
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    EXPECT_EQ(0x01, protocol_message_record()->data[0]);
+
+    // A device that never sets the reply flag is given up on after 5 s of
+    // the platform clock; a slow one that answers within them is waited for.
+    dev_.respond([](const Request&) { return std::vector<Block>{}; });
+    const int64_t start = dev_.now_us();
+    before = dev_.receives();
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    const int64_t waited = dev_.now_us() - start;
+    EXPECT_GE(waited, 5000000);
+    EXPECT_LT(waited, 5100000);
+    EXPECT_GT(dev_.receives() - before, 1000);
+
+    dev_.respond([](const Request& r) {
+        Reply busy = answer(r);
+        busy.reply_flag = false;
+        std::vector<Block> blocks(40000, busy.encode());  // 4 s of blocks without the flag
+        blocks.push_back(answer(r, {0x09}).encode());
+        return blocks;
+    });
+    ASSERT_EQ(0, protocol_get_status(&status));
+    EXPECT_EQ(0x09, status);
+
+    // A failed send shows as a request that is never answered.
+    answer_with({0x01});
+    dev_.fail_sends(1);
+    EXPECT_EQ(-1, protocol_get_status(&status));
+}
+
+// ---- multi-page flash ------------------------------------------------------------
+
+TEST_F(ProtocolTest, FlashWriteErasesThenProgramsEachSectorInOrder) {
+    answer_with({});
+    std::vector<unsigned char> image(0x2000);
+    for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<unsigned char>(i * 7 + i / 256);
+    ASSERT_EQ(0, protocol_write_flash_data(0x1000, image.data(), 0x2000));
+    auto reqs = dev_.requests();
+    ASSERT_EQ(34u, reqs.size());
+    for (int s = 0; s < 2; ++s) {
+        const Request& erase = reqs[s * 17];
+        EXPECT_EQ(4u, erase.command);
+        EXPECT_EQ(0x1000u + s * 0x1000u, erase.parameter);
+        for (int p = 0; p < 16; ++p) {
+            const Request& w = reqs[s * 17 + 1 + p];
+            const uint32_t addr = 0x1000u + s * 0x1000u + p * 0x100u;
+            EXPECT_EQ(3u, w.command);
+            EXPECT_EQ(addr, w.parameter);
+            EXPECT_EQ(std::vector<uint8_t>(image.begin() + (addr - 0x1000),
+                                           image.begin() + (addr - 0x1000) + 256),
+                      w.data);
+        }
+    }
+
+    // Misaligned address or length: nothing sent. Empty: nothing to do.
+    dev_.clear_requests();
+    EXPECT_EQ(-1, protocol_write_flash_data(0x1100, image.data(), 0x1000));
+    EXPECT_EQ(-1, protocol_write_flash_data(0x1000, image.data(), 0x800));
+    EXPECT_EQ(-1, protocol_read_flash_data(0x1100, image.data(), 0x1000));
+    EXPECT_EQ(0, protocol_write_flash_data(0x1000, image.data(), 0));
+    EXPECT_TRUE(dev_.requests().empty());
+
+    // The first failure stops the transfer: page 2 of the second sector.
+    int n = 0;
+    dev_.respond([&n](const Request& r) {
+        Reply a = answer(r);
+        if (++n == 17 + 1 + 3) a.command = 0;
+        return one(a);
+    });
+    EXPECT_EQ(-1, protocol_write_flash_data(0x1000, image.data(), 0x2000));
+    EXPECT_EQ(21u, dev_.requests().size());
+}
+
+TEST_F(ProtocolTest, FlashReadAssemblesPagesInAscendingOrder) {
+    dev_.respond([](const Request& r) {
+        return one(answer(r, std::vector<uint8_t>(256, static_cast<uint8_t>(r.parameter >> 8))));
+    });
+    std::vector<unsigned char> out(0x1000);
+    ASSERT_EQ(0, protocol_read_flash_data(0x65000, out.data(), 0x1000));
+    const auto reqs = dev_.requests();
+    ASSERT_EQ(16u, reqs.size());
+    for (int p = 0; p < 16; ++p) {
+        EXPECT_EQ(0x65000u + p * 0x100u, reqs[p].parameter);
+        EXPECT_EQ(static_cast<unsigned char>(0x50 + p), out[p * 256 + 17]);
+    }
+    dev_.fail_receives(1);
+    EXPECT_EQ(-1, protocol_read_flash_data(0x65000, out.data(), 0x1000));
+}
+
+// ---- diagnostic pair -------------------------------------------------------------
+
+TEST_F(ProtocolTest, NakedMessages) {
+    EXPECT_EQ(320, send_naked_message(1, 1));
+    EXPECT_EQ(320, send_naked_message(0, 1));
+    EXPECT_EQ(320, send_naked_message(1, 0));  // the record as it stands
+    const auto reqs = dev_.requests();
+    ASSERT_EQ(3u, reqs.size());
+    EXPECT_EQ(1u, reqs[0].command);
+    EXPECT_EQ(32u, reqs[0].length);
+    EXPECT_EQ(std::string(17, 'x'), std::string(reqs[0].data.begin(), reqs[0].data.begin() + 17));
+    EXPECT_NE('x', reqs[0].data[17]);
+    EXPECT_EQ(0u, reqs[1].length);
+    EXPECT_EQ(reqs[0].id + 1, reqs[1].id);
+    EXPECT_EQ(reqs[1].id, reqs[2].id);
+
+    unsigned char* out = reinterpret_cast<unsigned char*>(1);
+    EXPECT_EQ(0, receive_naked_message(&out));
+    EXPECT_EQ(nullptr, out);
+    dev_.fail_receives(1);
+    EXPECT_EQ(-1, receive_naked_message(&out));
+    EXPECT_EQ(protocol_stream_buffer(), out);
+}
