@@ -102,6 +102,10 @@ int unlock_uvc_protocol_mutex(void) {
     return pthread_mutex_unlock(&mutex_uvc_extension);
 }
 
+int trylock_uvc_protocol_mutex(void) {
+    return pthread_mutex_trylock(&mutex_uvc_extension);
+}
+
 int default_send_data(unsigned char*) {
     return 0;
 }

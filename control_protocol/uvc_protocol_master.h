@@ -44,6 +44,9 @@ KS_API int get_cur_uvc_fd(void);
 // The process-wide, non-recursive exchange mutex; the pthread result.
 KS_API int lock_uvc_protocol_mutex(void);
 KS_API int unlock_uvc_protocol_mutex(void);
+// Takes the mutex only if it is free: 0, or EBUSY while anyone (the calling
+// thread included) holds it. For diagnostics and tests; not exported.
+int trylock_uvc_protocol_mutex(void);
 
 // What the protocol uses while no transport is registered: nothing, 0.
 KS_API int default_send_data(unsigned char* buf);

@@ -19,14 +19,14 @@ namespace {
 
 constexpr unsigned int kFailed = 0xFFFFFFFFu;
 
-// Selects the camera and holds the transport mutex for the lifetime of the
-// object. The descriptor is selected before the mutex is taken and again once
-// it is held: another camera selected meanwhile by a thread waiting for the
-// mutex cannot redirect this exchange.
+// Holds the transport mutex for the lifetime of the object and selects the
+// camera's descriptor once it is held. The descriptor is process-wide: a
+// thread that selected its camera before waiting for the mutex would
+// redirect the exchange another thread has under way, so selection happens
+// only under the mutex.
 class Exchange {
   public:
     explicit Exchange(const _struct_ks_ctrl_device* handle, bool select = true) {
-        if (select) set_cur_uvc_fd(handle->fd);
         locked_ = lock_uvc_protocol_mutex() == 0;
         if (locked_ && select) set_cur_uvc_fd(handle->fd);
     }

@@ -24,6 +24,7 @@ class Firmware {
 
     // Only touch these while no exchange runs.
     std::map<std::tuple<int, int, int>, uint8_t> memory;  // (fd, write address, register)
+    std::map<uint32_t, uint8_t> flash;                    // erased bytes are absent (0xFF)
     std::set<int> refused;           // write addresses that do not acknowledge
     int eeprom_writes_dropped = 0;   // next EEPROM writes that do not stick
     int eeprom_write_nak_once = 0;   // next EEPROM writes acknowledged with an error
@@ -48,6 +49,21 @@ class Firmware {
         switch (r.command) {
             case 1:
                 return {answer(r, std::vector<uint8_t>(version, version + 32)).encode()};
+            case 2: {
+                std::vector<uint8_t> page(256);
+                for (uint32_t i = 0; i < 256; ++i) {
+                    auto it = flash.find(r.parameter + i);
+                    page[i] = it == flash.end() ? 0xFF : it->second;
+                }
+                return {answer(r, page).encode()};
+            }
+            case 3:
+                for (size_t i = 0; i < r.data.size(); ++i)
+                    flash[r.parameter + static_cast<uint32_t>(i)] = r.data[i];
+                return {answer(r).encode()};
+            case 4:
+                flash.erase(flash.lower_bound(r.parameter), flash.lower_bound(r.parameter + 4096));
+                return {answer(r).encode()};
             case 5: {
                 Reply a = answer(r);
                 if (update_fails) a.command = 0x7F;
