@@ -93,11 +93,10 @@ extern "C" {
 
 int protocol_master_init(const _struct_protocol_functions* functions) {
     pGMsg->data = pMsgData;
-    pGFuncs.send = functions != nullptr && functions->send != nullptr ? functions->send
-                                                                      : default_send_data;
-    pGFuncs.receive = functions != nullptr && functions->receive != nullptr
-                          ? functions->receive
-                          : default_receive_data;
+    pGFuncs.send =
+        functions != nullptr && functions->send != nullptr ? functions->send : default_send_data;
+    pGFuncs.receive = functions != nullptr && functions->receive != nullptr ? functions->receive
+                                                                            : default_receive_data;
     pGFuncs.timestamp = functions != nullptr && functions->timestamp != nullptr
                             ? functions->timestamp
                             : default_get_current_timestamp;
@@ -211,8 +210,7 @@ int protocol_update_eeprom(unsigned char value) {
     return request(PROTOCOL_CMD_UPDATE_EEPROM, 1, -1);
 }
 
-int protocol_iic_read(unsigned char dev, unsigned short reg, unsigned char* buf,
-                      unsigned int len) {
+int protocol_iic_read(unsigned char dev, unsigned short reg, unsigned char* buf, unsigned int len) {
     if (buf == nullptr) return -1;
     pGMsg->parameter = static_cast<uint32_t>(dev) * 65536u + reg;
     // The one little-endian field of the protocol.

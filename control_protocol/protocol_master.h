@@ -115,8 +115,7 @@ KS_API uint32_t get_data_checksum(const unsigned char* data, uint32_t length);
 // words big-endian, the checksum of the data computed and stored in the
 // record too, then the data. Returns 32 + length; -1 for a null pointer or a
 // length beyond the data buffer.
-KS_API int protocol_deal_message_description(_struct_protocol_message* msg,
-                                             unsigned char* stream);
+KS_API int protocol_deal_message_description(_struct_protocol_message* msg, unsigned char* stream);
 // Parses a received block (320 bytes) into the record. Returns 32 + length
 // when the checksum matches; -1 for a null pointer, a bad tag (only the tag
 // word of the record changes) or a checksum mismatch (the record is updated

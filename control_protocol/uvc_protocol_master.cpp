@@ -74,8 +74,7 @@ int uvc_protocol_master_send_data(unsigned char* buf) {
 }
 
 int uvc_protocol_master_receive_data(unsigned char* buf) {
-    if (uvc_get_extension_data(uvc_fd.load(std::memory_order_relaxed), buf, UVC_XU_BLOCK_SIZE) <
-        0)
+    if (uvc_get_extension_data(uvc_fd.load(std::memory_order_relaxed), buf, UVC_XU_BLOCK_SIZE) < 0)
         return -1;
     return 0;
 }

@@ -28,8 +28,7 @@ KS_API unsigned int ks_read_nuvex_eeprom(_struct_ks_ctrl_device* handle, unsigne
 // print why and return -1 without touching the camera.
 KS_API int ks_write_fpga_register(_struct_ks_ctrl_device* handle, unsigned int reg,
                                   unsigned int value);
-KS_API int ks_read_fpga_register(_struct_ks_ctrl_device* handle, unsigned int reg,
-                                 uint16_t* value);
+KS_API int ks_read_fpga_register(_struct_ks_ctrl_device* handle, unsigned int reg, uint16_t* value);
 
 // ---- USB controller ----
 KS_API unsigned int ks_get_usb_version(_struct_ks_ctrl_device* handle, char* version);

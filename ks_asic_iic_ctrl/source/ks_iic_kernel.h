@@ -58,8 +58,7 @@ KS_API int release_iic_ctrl(_struct_ks_ctrl_device* handle);
 // the byte, 0 when the transfer failed.
 KS_API unsigned int ks_iic_write(_struct_ks_ctrl_device* handle, unsigned int reg,
                                  unsigned int value);
-KS_API unsigned int ks_iic_read(_struct_ks_ctrl_device* handle, unsigned int reg,
-                                uint16_t* value);
+KS_API unsigned int ks_iic_read(_struct_ks_ctrl_device* handle, unsigned int reg, uint16_t* value);
 // Verified EEPROM byte write: written, read back and re-written up to 10
 // times until the read-back matches; 0 or 0xFFFFFFFF.
 KS_API unsigned int ks_eeprom_write(_struct_ks_ctrl_device* handle, unsigned int addr,
@@ -68,8 +67,7 @@ KS_API unsigned int ks_eeprom_read(_struct_ks_ctrl_device* handle, unsigned int 
                                    uint16_t* value);
 KS_API unsigned int ks_fpga_write(_struct_ks_ctrl_device* handle, unsigned int reg,
                                   unsigned int value);
-KS_API unsigned int ks_fpga_read(_struct_ks_ctrl_device* handle, unsigned int reg,
-                                 uint16_t* value);
+KS_API unsigned int ks_fpga_read(_struct_ks_ctrl_device* handle, unsigned int reg, uint16_t* value);
 
 // Flash transfers (size a multiple of 4096).
 KS_API unsigned int ks_send_asic_epr_to_usb_flash(_struct_ks_ctrl_device* handle, uint8_t slot,
@@ -91,8 +89,7 @@ KS_API unsigned int ks_reset_asic_status(_struct_ks_ctrl_device* handle, uint8_t
 // Has the controller copy flash EPR slot into the EEPROM and waits until it
 // answers a status request again (polled every 100 ms, given up after 60 s
 // of the platform clock). Always 0.
-KS_API unsigned int ks_select_eeprom_from_usb_flash(_struct_ks_ctrl_device* handle,
-                                                    uint8_t slot);
+KS_API unsigned int ks_select_eeprom_from_usb_flash(_struct_ks_ctrl_device* handle, uint8_t slot);
 // How often the controller has reset the ASIC. Uses the descriptor selected
 // last (handle is not used).
 KS_API unsigned int ks_get_usb_nuvex_reset_cnt_kernel(_struct_ks_ctrl_device* handle,

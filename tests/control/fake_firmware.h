@@ -25,11 +25,11 @@ class Firmware {
     // Only touch these while no exchange runs.
     std::map<std::tuple<int, int, int>, uint8_t> memory;  // (fd, write address, register)
     std::map<uint32_t, uint8_t> flash;                    // erased bytes are absent (0xFF)
-    std::set<int> refused;           // write addresses that do not acknowledge
-    int eeprom_writes_dropped = 0;   // next EEPROM writes that do not stick
-    int eeprom_write_nak_once = 0;   // next EEPROM writes acknowledged with an error
-    int status_failures = 0;         // next status requests that stall the pipe
-    bool update_fails = false;       // EEPROM update answered with another command
+    std::set<int> refused;                                // write addresses that do not acknowledge
+    int eeprom_writes_dropped = 0;                        // next EEPROM writes that do not stick
+    int eeprom_write_nak_once = 0;  // next EEPROM writes acknowledged with an error
+    int status_failures = 0;        // next status requests that stall the pipe
+    bool update_fails = false;      // EEPROM update answered with another command
     uint8_t version[32] = {'2', '.', '4', '.', '1'};
 
     uint8_t at(int fd, int dev, int reg) {

@@ -79,11 +79,12 @@ struct Reply {
         put32(&b[4], id);
         put32(&b[16], command | (reply_flag ? 0x80000000u : 0u));
         put32(&b[20], parameter);
-        put32(&b[24], length < 0 ? static_cast<uint32_t>(data.size()) : static_cast<uint32_t>(length));
+        put32(&b[24],
+              length < 0 ? static_cast<uint32_t>(data.size()) : static_cast<uint32_t>(length));
         uint32_t sum = 0;
         for (uint8_t v : data) sum += v;
         put32(&b[28], checksum < 0 ? sum : static_cast<uint32_t>(checksum));
-        std::memcpy(&b[32], data.data(), data.size() < 288 ? data.size() : 288);
+        if (!data.empty()) std::memcpy(&b[32], data.data(), data.size() < 288 ? data.size() : 288);
         return b;
     }
 };

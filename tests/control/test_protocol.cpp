@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "control_protocol/protocol_checksum.h"
 #include "control_protocol/protocol_master.h"
 #include "control_protocol/uvc_protocol_master.h"
 #include "fake_xu_device.h"
@@ -75,6 +76,18 @@ TEST(ProtocolChecksum, EqualsThePlainByteSumWithWrapAround) {
             ASSERT_EQ(byte_sum(buf.data() + offset, len),
                       get_data_checksum(buf.data() + offset, static_cast<uint32_t>(len)))
                 << "offset " << offset << " length " << len;
+
+#if defined(__x86_64__)
+    // Each vector kernel, whichever one this processor dispatches to.
+    for (size_t offset = 0; offset < 16; ++offset)
+        for (size_t len = 0; len + offset <= 600 - 16; len += 7) {
+            const unsigned char* p = buf.data() + offset;
+            ASSERT_EQ(byte_sum(p, len), ks_checksum::sum_sse2(p, len)) << len;
+            if (ks_checksum::have_avx2()) {
+                ASSERT_EQ(byte_sum(p, len), ks_checksum::sum_avx2(p, len)) << len;
+            }
+        }
+#endif
 
     // 17 MiB of 0xFF: the true sum passes 2^32 and wraps.
     std::vector<unsigned char> big(17u << 20, 0xFF);
@@ -554,7 +567,8 @@ TEST_F(ProtocolTest, ReplyLoopEndsOnFailuresOversizeAndSilence) {
 TEST_F(ProtocolTest, FlashWriteErasesThenProgramsEachSectorInOrder) {
     answer_with({});
     std::vector<unsigned char> image(0x2000);
-    for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<unsigned char>(i * 7 + i / 256);
+    for (size_t i = 0; i < image.size(); ++i)
+        image[i] = static_cast<unsigned char>(i * 7 + i / 256);
     ASSERT_EQ(0, protocol_write_flash_data(0x1000, image.data(), 0x2000));
     auto reqs = dev_.requests();
     ASSERT_EQ(34u, reqs.size());
