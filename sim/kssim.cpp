@@ -5,9 +5,12 @@
 #include <cstring>
 #include <new>
 
+#include "sim/sim_device.h"
+#include "sim/sim_epr.h"
 #include "sim/sim_world.h"
 
 using kssim::Camera;
+using kssim::Device;
 using kssim::NodeKind;
 using kssim::World;
 
@@ -31,6 +34,11 @@ void set_text(char* dst, size_t cap, const char* src) {
 
 bool valid_node(kssim_node n) {
     return n == KSSIM_NODE_CAPTURE || n == KSSIM_NODE_META;
+}
+
+// The control side of one of our cameras (null for a webcam).
+Device* dev(kssim_camera* c) {
+    return c == nullptr ? nullptr : dynamic_cast<Device*>(C(c)->extension_unit());
 }
 
 // Runs timed events of the camera's world before answering.
@@ -69,6 +77,11 @@ void kssim_camera_config_init(kssim_camera_config* cfg) {
     cfg->planes = KSSIM_PLANES_SINGLE;
     cfg->streaming_cap = 1;
     cfg->video_index = -1;
+    cfg->pcb_revision = 2;
+    cfg->imu_rate = 400.0;
+    cfg->imu_records_per_reply = 10;
+    cfg->imu_first_counter = 0;
+    cfg->imu_seed = 1;
 }
 
 kssim_world* kssim_world_create(void) {
@@ -173,7 +186,9 @@ int kssim_camera_get_config(kssim_camera* c, kssim_camera_config* out) {
 }
 
 int kssim_camera_set_output_channel(kssim_camera* c, uint8_t channel) {
-    return c == nullptr ? -1 : C(c)->set_output_channel(channel);
+    if (c == nullptr) return -1;
+    if (Device* d = dev(c)) return d->set_configured_channel(channel);
+    return C(c)->set_output_channel(channel);
 }
 
 uint8_t kssim_camera_output_channel(kssim_camera* c) {
@@ -181,7 +196,9 @@ uint8_t kssim_camera_output_channel(kssim_camera* c) {
 }
 
 int kssim_camera_set_frame_rate(kssim_camera* c, double fps) {
-    return c == nullptr ? -1 : C(c)->set_frame_rate(fps);
+    if (c == nullptr) return -1;
+    if (Device* d = dev(c)) return d->set_configured_rate(fps);
+    return C(c)->set_frame_rate(fps);
 }
 
 double kssim_camera_frame_rate(kssim_camera* c) {
@@ -236,6 +253,102 @@ int kssim_camera_fault_active(kssim_camera* c, kssim_fault_kind kind) {
 
 long kssim_camera_produce_frame(kssim_camera* c, uint8_t* dst, size_t size) {
     return c == nullptr ? -1 : C(c)->produce_frame(dst, size);
+}
+
+// ---- control side ------------------------------------------------------------------------
+
+int kssim_camera_eeprom_read(kssim_camera* c, uint32_t addr, uint8_t* buf, size_t len) {
+    Device* d = dev(c);
+    return d == nullptr ? -1 : d->eeprom_read(addr, buf, len);
+}
+
+int kssim_camera_eeprom_write(kssim_camera* c, uint32_t addr, const uint8_t* buf, size_t len) {
+    Device* d = dev(c);
+    return d == nullptr ? -1 : d->eeprom_write(addr, buf, len);
+}
+
+int kssim_camera_flash_read(kssim_camera* c, uint32_t addr, uint8_t* buf, size_t len) {
+    Device* d = dev(c);
+    return d == nullptr ? -1 : d->flash_read(addr, buf, len);
+}
+
+int kssim_camera_flash_write(kssim_camera* c, uint32_t addr, const uint8_t* buf, size_t len) {
+    Device* d = dev(c);
+    return d == nullptr ? -1 : d->flash_write(addr, buf, len);
+}
+
+int kssim_camera_register_read(kssim_camera* c, kssim_chip chip, uint32_t reg, uint8_t* value) {
+    Device* d = dev(c);
+    return d == nullptr ? -1 : d->register_read(static_cast<int>(chip), reg, value);
+}
+
+int kssim_camera_register_write(kssim_camera* c, kssim_chip chip, uint32_t reg, uint8_t value) {
+    Device* d = dev(c);
+    return d == nullptr ? -1 : d->register_write(static_cast<int>(chip), reg, value);
+}
+
+int kssim_camera_device_state(kssim_camera* c, kssim_device_state* out) {
+    Device* d = dev(c);
+    if (d == nullptr || out == nullptr) return -1;
+    *out = d->state();
+    return 0;
+}
+
+int kssim_camera_imu_set_counter(kssim_camera* c, uint16_t counter) {
+    Device* d = dev(c);
+    if (d == nullptr) return -1;
+    d->imu_set_counter(counter);
+    return 0;
+}
+
+int kssim_camera_set_hostile(kssim_camera* c, int on, uint32_t seed) {
+    Device* d = dev(c);
+    if (d == nullptr) return -1;
+    d->set_hostile(on != 0, seed);
+    return 0;
+}
+
+size_t kssim_camera_traffic_count(kssim_camera* c) {
+    Device* d = dev(c);
+    return d == nullptr ? 0 : d->traffic_count();
+}
+
+int kssim_camera_traffic_get(kssim_camera* c, size_t index, kssim_message* out) {
+    Device* d = dev(c);
+    return d != nullptr && d->traffic_get(index, out) ? 0 : -1;
+}
+
+void kssim_camera_traffic_clear(kssim_camera* c) {
+    if (Device* d = dev(c)) d->traffic_clear();
+}
+
+int kssim_camera_control_stats(kssim_camera* c, kssim_control_stats* out) {
+    Device* d = dev(c);
+    if (d == nullptr || out == nullptr) return -1;
+    *out = d->control_stats();
+    return 0;
+}
+
+int kssim_epr_build(uint8_t* out, uint16_t width, uint16_t height, double bxf, double baseline,
+                    uint32_t seed) {
+    kssim::EprInfo e;
+    e.width = width;
+    e.height = height;
+    e.seed = seed;
+    if (out == nullptr || !kssim::epr_encode_constants(bxf, baseline, &e.bxf_raw, &e.baseline_raw))
+        return -1;
+    return kssim::epr_build(out, e) ? 0 : -1;
+}
+
+int kssim_epr_check(const uint8_t* image, size_t size, uint16_t* width, uint16_t* height,
+                    double* bxf, double* baseline) {
+    kssim::EprInfo e;
+    if (!kssim::epr_parse(image, size, &e)) return -1;
+    if (width != nullptr) *width = e.width;
+    if (height != nullptr) *height = e.height;
+    if (bxf != nullptr) *bxf = e.bxf();
+    if (baseline != nullptr) *baseline = e.baseline();
+    return 0;
 }
 
 }  // extern "C"

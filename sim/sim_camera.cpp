@@ -77,6 +77,8 @@ void Camera::power_on() {
     channel_ = cfg_.output_channel;
     frame_id_ = cfg_.first_frame_id & kFrameIdMask;
     plug_ns_ = world_.clock().mono_ns();
+    pipeline_running_ = true;
+    brightness_ = 0;
     frame_.reset();
 }
 
@@ -663,14 +665,16 @@ std::shared_ptr<const SourceFrame> Camera::frame_source(std::unique_lock<std::mu
     const uint8_t ch = channel_;
     const kssim_scene scene = cfg_.scene;
     const double bxf = cfg_.bxf, baseline = cfg_.baseline;
+    const int brightness = brightness_;
     const Kind kind = kind_;
     lk.unlock();  // rendering can take a while; it is cached by the world
     std::shared_ptr<const SourceFrame> fr =
         kind == Kind::Webcam ? flat_yuyv_frame(w, h)
-                             : world_.frames().get(scene, w, h, bxf, baseline, ch);
+                             : world_.frames().get(scene, w, h, bxf, baseline, ch, brightness);
     lk.lock();
     // Keep it only if nothing changed meanwhile.
     if (w == width_ && h == height_ && ch == channel_ && bxf == cfg_.bxf &&
+        baseline == cfg_.baseline && brightness == brightness_ &&
         std::memcmp(&scene, &cfg_.scene, sizeof(scene)) == 0)
         frame_ = fr;
     return fr;
@@ -688,6 +692,11 @@ void Camera::producer_main() {
         }
         const int64_t period = period_ns(cfg_.fps);
         int64_t due = next_due_ns_;
+        if (!pipeline_running_) {
+            // The ASIC or the sensors are off: the periods pass without frames.
+            next_due_ns_ = std::max(due, now - period) + period;
+            continue;
+        }
         if (now - due > kCatchUpPeriods * period) {
             // Far behind (a suspended process, a warp beyond what the host
             // can copy): the camera went on sending; those frames were lost.
@@ -729,6 +738,7 @@ size_t Camera::write_frame(uint8_t* dst, size_t size, const SourceFrame& src, co
 
 void Camera::emit_frame(std::unique_lock<std::mutex>& lk, int64_t due_ns) {
     if (take_fault(KSSIM_FAULT_STALL, nullptr)) return;
+    if (!pipeline_running_) return;
     std::shared_ptr<const SourceFrame> src = frame_source(lk);
     if (stop_) return;
     const uint32_t seq = sequence_++;
@@ -825,6 +835,37 @@ void Camera::set_extension_unit(std::unique_ptr<ExtensionUnit> unit) {
     xu_ = std::move(unit);
 }
 
+int Camera::set_stereo_constants(double bxf, double baseline) {
+    if (!(bxf > 0 && bxf * 4096.0 < 4294967296.0)) return -1;
+    if (!(baseline > 0 && baseline * 128.0 < 65536.0)) return -1;
+    std::lock_guard<std::mutex> lk(mu_);
+    if (bxf != cfg_.bxf || baseline != cfg_.baseline) {
+        frame_.reset();
+        scene_.reset();
+    }
+    cfg_.bxf = bxf;
+    cfg_.baseline = baseline;
+    return 0;
+}
+
+void Camera::set_pipeline_running(bool running) {
+    std::lock_guard<std::mutex> lk(mu_);
+    pipeline_running_ = running;
+    cv_.notify_all();
+}
+
+bool Camera::pipeline_running() const {
+    std::lock_guard<std::mutex> lk(mu_);
+    return pipeline_running_;
+}
+
+void Camera::set_brightness(int eighths) {
+    eighths = std::clamp(eighths, -64, 64);
+    std::lock_guard<std::mutex> lk(mu_);
+    if (eighths != brightness_) frame_.reset();
+    brightness_ = eighths;
+}
+
 int Camera::true_distance(uint32_t x, uint32_t y, double* mm) {
     std::shared_ptr<const Scene> scene;
     int w, h;
@@ -866,6 +907,10 @@ int Camera::inject_fault(const kssim_fault_spec& in) {
     std::memcpy(&kind, &in.kind, sizeof(kind));
     if (kind < 0 || kind >= KSSIM_FAULT_KIND_COUNT) return -1;
     const kssim_fault_spec& spec = in;
+    if (kind >= KSSIM_FAULT_XU_FAIL) {
+        std::lock_guard<std::mutex> ctl(ctl_mu_);
+        return xu_ != nullptr ? xu_->inject_fault(spec) : -1;
+    }
     if (spec.kind == KSSIM_FAULT_FEWER_BUFFERS && (spec.value < 0 || spec.value > 32)) return -1;
     if (spec.kind == KSSIM_FAULT_BAD_MARKER && (spec.value < 0 || spec.value > 255)) return -1;
     if ((spec.kind == KSSIM_FAULT_S_FMT_FAIL || spec.kind == KSSIM_FAULT_G_FMT_FAIL ||
@@ -895,6 +940,10 @@ int Camera::inject_fault(const kssim_fault_spec& in) {
 int Camera::clear_fault(kssim_fault_kind kind) {
     if (static_cast<int>(kind) < 0 || static_cast<int>(kind) >= KSSIM_FAULT_KIND_COUNT) return -1;
     if (kind == KSSIM_FAULT_UNPLUG) return plugged() ? 0 : replug();
+    if (kind >= KSSIM_FAULT_XU_FAIL) {
+        std::lock_guard<std::mutex> ctl(ctl_mu_);
+        return xu_ != nullptr ? xu_->clear_fault(kind) : -1;
+    }
     std::lock_guard<std::mutex> ctl(ctl_mu_);
     std::lock_guard<std::mutex> lk(mu_);
     faults_[kind] = Fault{};
@@ -905,6 +954,10 @@ bool Camera::fault_active(kssim_fault_kind kind) {
     if (static_cast<int>(kind) < 0 || static_cast<int>(kind) >= KSSIM_FAULT_KIND_COUNT)
         return false;
     if (kind == KSSIM_FAULT_UNPLUG) return !plugged();
+    if (kind >= KSSIM_FAULT_XU_FAIL) {
+        std::lock_guard<std::mutex> ctl(ctl_mu_);
+        return xu_ != nullptr && xu_->fault_active(kind);
+    }
     std::lock_guard<std::mutex> lk(mu_);
     return fault_on(kind);
 }
@@ -936,11 +989,16 @@ int Camera::unplug() {
 
 int Camera::replug() {
     std::lock_guard<std::mutex> ctl(ctl_mu_);
-    std::lock_guard<std::mutex> lk(mu_);
-    replug_at_ns_.store(0, std::memory_order_release);
-    if (plugged()) return 0;
-    power_on();
-    for (auto& f : faults_) f = Fault{};
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        replug_at_ns_.store(0, std::memory_order_release);
+        if (plugged()) return 0;
+        power_on();
+        for (auto& f : faults_) f = Fault{};
+    }
+    // The controller and its chips power on before the host can see the
+    // device again.
+    if (xu_ != nullptr) xu_->plugged_in();
     plugged_.store(true, std::memory_order_release);
     return 0;
 }

@@ -47,12 +47,19 @@ struct OpenFile {
 };
 
 // The extension unit behind UVCIOC_CTRL_QUERY (the controller's message
-// channel). Without one the request is unknown to the node.
+// channel). Without one the request is unknown to the node. The camera calls
+// it with its request lock (ctl_mu_) held and never with mu_ held.
 class ExtensionUnit {
   public:
     virtual ~ExtensionUnit() = default;
     // 0 or a negative errno.
     virtual int query(Camera& camera, struct uvc_xu_control_query& q) = 0;
+    // The camera was plugged in again: power on afresh.
+    virtual void plugged_in() {}
+    // Faults of the control side (kinds from KSSIM_FAULT_XU_FAIL on).
+    virtual int inject_fault(const kssim_fault_spec&) { return -1; }
+    virtual int clear_fault(kssim_fault_kind) { return -1; }
+    virtual bool fault_active(kssim_fault_kind) { return false; }
 };
 
 // Buffer memory: one memfd holding every buffer of a REQBUFS, so that each
@@ -117,6 +124,14 @@ class Camera {
     double frame_rate() const;
     int set_scene(const kssim_scene& scene);
     void set_extension_unit(std::unique_ptr<ExtensionUnit> unit);
+    ExtensionUnit* extension_unit() const { return xu_.get(); }
+    // Set by the chips behind the extension unit.
+    int set_stereo_constants(double bxf, double baseline);
+    // Frames come only while the pipeline (ASIC and sensors) runs.
+    void set_pipeline_running(bool running);
+    bool pipeline_running() const;
+    // Image brightness as a power of two in eighths (0: as rendered).
+    void set_brightness(int eighths);
     // Ground truth at the current output size.
     int true_distance(uint32_t x, uint32_t y, double* mm);
 
@@ -204,6 +219,8 @@ class Camera {
     // format and channel
     uint16_t width_ = 0, height_ = 0;
     uint8_t channel_ = KSSIM_CHANNEL_RGBD;
+    bool pipeline_running_ = true;
+    int brightness_ = 0;                        // eighths of a stop
     std::shared_ptr<const SourceFrame> frame_;  // cached source for size/channel/scene
     std::shared_ptr<const Scene> scene_;        // geometry for the ground truth
     int64_t plug_ns_ = 0;                       // camera clock origin

@@ -68,9 +68,27 @@ bool is_known_channel(uint8_t channel) {
            channel == KSSIM_CHANNEL_ORIGIN_DISPARITY || channel == KSSIM_CHANNEL_RGBD;
 }
 
-std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel) {
+namespace {
+
+// The view's 12-bit luma of one sensor, scaled by 2^(eighths / 8).
+const std::vector<uint16_t>& scaled_luma(const std::vector<uint16_t>& luma, int eighths,
+                                         std::vector<uint16_t>& storage) {
+    if (eighths == 0) return luma;
+    const double f = std::exp2(eighths / 8.0);
+    storage.resize(luma.size());
+    for (size_t i = 0; i < luma.size(); ++i)
+        storage[i] = static_cast<uint16_t>(std::min(4095.0, std::round(luma[i] * f)));
+    return storage;
+}
+
+}  // namespace
+
+std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel, int brightness) {
     auto out = std::make_shared<SourceFrame>();
     const int w = view.width, h = view.height;
+    std::vector<uint16_t> scaled_a, scaled_b;
+    const std::vector<uint16_t>& luma_a = scaled_luma(view.luma_a, brightness, scaled_a);
+    const std::vector<uint16_t>& luma_b = scaled_luma(view.luma_b, brightness, scaled_b);
     out->width = w;
     out->height = h;
     out->channel = channel;
@@ -88,7 +106,7 @@ std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel
         for (int x = 0; x < w; ++x) {
             const size_t i =
                 static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x);
-            const uint16_t a12 = view.luma_a[i];
+            const uint16_t a12 = luma_a[i];
             uint8_t n = 0;
             if (channel == KSSIM_CHANNEL_ORIGIN_PAIR) {
                 n = static_cast<uint8_t>(a12 & 0x0F);
@@ -104,7 +122,7 @@ std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel
                                           static_cast<size_t>(w) +
                                       static_cast<size_t>(x)];
                 } else {
-                    v = view.luma_b[i];
+                    v = luma_b[i];
                 }
             }
             pack_pixel(line + 3 * x, static_cast<uint8_t>(a12 >> 4), n, v);
@@ -115,7 +133,7 @@ std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel
     put_word(meta, 1, kMarkerM1);
     write_stereo_constants(meta, view.bxf, view.baseline);
     put_word(meta, 34, channel);
-    compute_statistics(view.luma_a, w, h, out->ae);
+    compute_statistics(luma_a, w, h, out->ae);
     write_statistics(meta, out->ae);
     return out;
 }

@@ -68,8 +68,11 @@ struct SourceFrame {
 };
 
 // Encodes one channel of a rendered view, with the static part of the
-// metadata line (markers, stereo constants, channel code, statistics).
-std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel);
+// metadata line (markers, stereo constants, channel code, statistics). The
+// sensors' luma is scaled by 2^(brightness / 8) (saturating at 12 bits)
+// before encoding, so the exposure statistics follow it.
+std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel,
+                                          int brightness = 0);
 
 // Writes the per-frame words: frame id (M23..M25) and timestamp (M26..M29).
 void stamp_frame(uint8_t* frame, size_t size, uint64_t frame_id, uint64_t timestamp_us);

@@ -14,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sim/sim_device.h"
+
 namespace kssim {
 
 namespace {
@@ -130,16 +132,24 @@ const ks_platform_ops kBackend = {
 // ---- frame cache ---------------------------------------------------------------------
 
 std::shared_ptr<const SourceFrame> FrameCache::get(const kssim_scene& scene, int width, int height,
-                                                   double bxf, double baseline, uint8_t channel) {
+                                                   double bxf, double baseline, uint8_t channel,
+                                                   int brightness) {
     const kssim_scene s = Scene::normalized(scene);
     const ViewKey vk{static_cast<int>(s.kind), s.distance_mm, s.seed, width, height, bxf, baseline};
+    const FrameKey fk{vk, channel, brightness};
     std::lock_guard<std::mutex> lk(mu_);
-    auto fit = frames_.find({vk, channel});
+    auto fit = frames_.find(fk);
     if (fit != frames_.end()) return fit->second;
     std::shared_ptr<SceneView>& view = views_[vk];
     if (view == nullptr) view = render_view(Scene(s), width, height, bxf, baseline);
-    std::shared_ptr<const SourceFrame> frame = encode_frame(*view, channel);
-    frames_[{vk, channel}] = frame;
+    std::shared_ptr<const SourceFrame> frame = encode_frame(*view, channel, brightness);
+    if (brightness != 0 && frames_.size() >= 32) {
+        // Exposure sweeps would fill memory: forget the other scaled frames
+        // (cameras keep the one they use).
+        for (auto it = frames_.begin(); it != frames_.end();)
+            it = std::get<2>(it->first) != 0 ? frames_.erase(it) : std::next(it);
+    }
+    frames_[fk] = frame;
     return frame;
 }
 
@@ -213,6 +223,12 @@ Camera* World::add_camera(Camera::Kind kind, const kssim_camera_config& in) {
         cfg.scene.kind != KSSIM_SCENE_BACKLIT)
         return nullptr;
     if (!(cfg.scene.distance_mm >= 0 && cfg.scene.distance_mm <= 1e6)) return nullptr;
+    // Control side; zeros (a configuration not filled by kssim_camera_config_init) take defaults.
+    if (cfg.imu_rate == 0) cfg.imu_rate = 400.0;
+    if (cfg.imu_records_per_reply == 0) cfg.imu_records_per_reply = 10;
+    if (cfg.pcb_revision > 15) return nullptr;
+    if (!(cfg.imu_rate >= 1 && cfg.imu_rate <= 4000)) return nullptr;
+    if (cfg.imu_records_per_reply > 16) return nullptr;
     cfg.scene = Scene::normalized(cfg.scene);
     cfg.first_frame_id &= kFrameIdMask;
 
@@ -233,7 +249,12 @@ Camera* World::add_camera(Camera::Kind kind, const kssim_camera_config& in) {
     const std::string id_base = kind == Camera::Kind::Webcam
                                     ? "Generic_" + link_safe(cfg.card) + "_" + link_safe(cfg.serial)
                                     : "KS_" + link_safe(cfg.card) + "_" + link_safe(cfg.serial);
-    cameras_.push_back(std::make_unique<Camera>(*this, kind, cfg, index, next_port_++, id_base));
+    auto cam = std::make_unique<Camera>(*this, kind, cfg, index, next_port_++, id_base);
+    if (kind == Camera::Kind::Stereo)
+        cam->set_extension_unit(std::make_unique<Device>(*this, *cam, cfg));
+    else
+        cam->set_extension_unit(std::make_unique<NoExtensionUnit>());
+    cameras_.push_back(std::move(cam));
     return cameras_.back().get();
 }
 

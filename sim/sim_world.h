@@ -34,13 +34,15 @@ namespace kssim {
 class FrameCache {
   public:
     std::shared_ptr<const SourceFrame> get(const kssim_scene& scene, int width, int height,
-                                           double bxf, double baseline, uint8_t channel);
+                                           double bxf, double baseline, uint8_t channel,
+                                           int brightness = 0);
 
   private:
     using ViewKey = std::tuple<int, double, uint32_t, int, int, double, double>;
+    using FrameKey = std::tuple<ViewKey, uint8_t, int>;
     std::mutex mu_;
     std::map<ViewKey, std::shared_ptr<SceneView>> views_;
-    std::map<std::pair<ViewKey, uint8_t>, std::shared_ptr<const SourceFrame>> frames_;
+    std::map<FrameKey, std::shared_ptr<const SourceFrame>> frames_;
 };
 
 class World {

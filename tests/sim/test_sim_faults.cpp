@@ -228,7 +228,7 @@ TEST_F(SimFaults, FormatAndCapabilityRequestsFailOrAnswerAnotherFormat) {
     ASSERT_EQ(0, kssim_camera_clear_fault(cam_, KSSIM_FAULT_QUERYCAP_FAIL));
     EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
 
-    const kssim_fault_spec bad = {static_cast<kssim_fault_kind>(12), 1, 0, 0};
+    const kssim_fault_spec bad = {static_cast<kssim_fault_kind>(KSSIM_FAULT_KIND_COUNT), 1, 0, 0};
     EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, &bad));
     EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, nullptr));
 }

@@ -345,7 +345,7 @@ TEST_F(SimTest, NodesOpenManyTimesAndRefuseUnknownOrMalformedRequests) {
     EXPECT_EQ(ENOTTY, ioctl_errno(a, 0xDEADBEEF, &cap));
     uvc_xu_control_query q;
     std::memset(&q, 0, sizeof(q));
-    EXPECT_EQ(ENOTTY, ioctl_errno(a, UVCIOC_CTRL_QUERY, &q));
+    EXPECT_EQ(ENOENT, ioctl_errno(a, UVCIOC_CTRL_QUERY, &q));  // no unit 0
     EXPECT_EQ(EFAULT, ioctl_errno(a, VIDIOC_QUERYCAP, nullptr));
     EXPECT_EQ(EFAULT, ioctl_errno(a, VIDIOC_DQBUF, nullptr));
     EXPECT_EQ(-1, ks_sys_open(path, O_RDWR | O_CREAT | O_EXCL, 0600));

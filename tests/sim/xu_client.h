@@ -1,0 +1,252 @@
+// A small, independent client of the camera's control channel for the tests:
+// 320-byte blocks through UVCIOC_CTRL_QUERY on unit 3 selector 1, and the
+// message protocol inside them, written from the wire format alone (it
+// shares no code with the simulator or the library).
+//
+// Block: header of eight big-endian words (tag 01 02 03 04, id, timestamp,
+// reserved, command, parameter, length, byte-sum checksum), the data, and
+// byte 319 = 1 marking a new request. The reply carries the command with
+// bit 31 set.
+#ifndef KSSIM_TEST_XU_CLIENT_H
+#define KSSIM_TEST_XU_CLIENT_H
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/usb/video.h>
+#include <linux/uvcvideo.h>
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/ks_platform.h"
+
+namespace xutest {
+
+using Block = std::array<uint8_t, 320>;
+
+constexpr uint32_t kTag = 0x01020304;
+constexpr uint32_t kReply = 0x80000000u;
+constexpr int kMismatch = 1000;  // a reply arrived but is not the one asked for
+
+inline uint32_t be32(const uint8_t* p) {
+    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+}
+inline void put_be32(uint8_t* p, uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (24 - 8 * i));
+}
+
+struct Message {
+    uint32_t tag = 0, id = 0, timestamp = 0, reserved = 0, command = 0, parameter = 0, length = 0,
+             checksum = 0;
+    std::vector<uint8_t> data;  // as many bytes as the block holds, at most length
+
+    static Message parse(const Block& b) {
+        Message m;
+        m.tag = be32(&b[0]);
+        m.id = be32(&b[4]);
+        m.timestamp = be32(&b[8]);
+        m.reserved = be32(&b[12]);
+        m.command = be32(&b[16]);
+        m.parameter = be32(&b[20]);
+        m.length = be32(&b[24]);
+        m.checksum = be32(&b[28]);
+        const size_t n = m.length < 288 ? m.length : 288;
+        m.data.assign(b.begin() + 32, b.begin() + 32 + static_cast<long>(n));
+        return m;
+    }
+    uint32_t data_sum() const {
+        uint32_t s = 0;
+        for (uint8_t d : data) s += d;
+        return s;
+    }
+};
+
+// A request block; the checksum is the byte sum unless given.
+inline Block request(uint32_t id, uint32_t command, uint32_t parameter,
+                     const std::vector<uint8_t>& data, bool new_flag = true) {
+    Block b{};
+    put_be32(&b[0], kTag);
+    put_be32(&b[4], id);
+    put_be32(&b[16], command);
+    put_be32(&b[20], parameter);
+    put_be32(&b[24], static_cast<uint32_t>(data.size()));
+    uint32_t sum = 0;
+    for (size_t i = 0; i < data.size() && i < 287; ++i) {
+        b[32 + i] = data[i];
+        sum += data[i];
+    }
+    put_be32(&b[28], sum);
+    b[319] = new_flag ? 1 : 0;
+    return b;
+}
+
+class Client {
+  public:
+    ~Client() { close(); }
+    bool open(const char* node) {
+        fd_ = ks_sys_open(node, O_RDWR | O_NONBLOCK, 0);
+        return fd_ >= 0;
+    }
+    void close() {
+        if (fd_ >= 0) ks_sys_close(fd_);
+        fd_ = -1;
+    }
+    int fd() const { return fd_; }
+
+    // One UVCIOC_CTRL_QUERY: 0 or the errno.
+    int query(uint8_t code, uint8_t* data, uint16_t size, uint8_t unit = 3, uint8_t selector = 1) {
+        uvc_xu_control_query q;
+        std::memset(&q, 0, sizeof(q));
+        q.unit = unit;
+        q.selector = selector;
+        q.query = code;
+        q.size = size;
+        q.data = data;
+        return ks_sys_ioctl(fd_, UVCIOC_CTRL_QUERY, &q) == 0 ? 0 : errno;
+    }
+    int send(Block b) { return query(UVC_SET_CUR, b.data(), 320); }
+    int receive(Block& b) { return query(UVC_GET_CUR, b.data(), 320); }
+
+    // Sends a request and reads blocks until one carries the reply flag (at
+    // most `tries`). 0 with the reply, or the errno of a failed read, or
+    // ETIMEDOUT when no block carried the flag.
+    int exchange_raw(const Block& req, Message* reply, int tries = 8) {
+        send(req);
+        for (int i = 0; i < tries; ++i) {
+            Block b{};
+            if (int e = receive(b)) return e;
+            Message m = Message::parse(b);
+            if (m.tag != kTag || (m.command & kReply) == 0) continue;
+            if (reply != nullptr) *reply = m;
+            return 0;
+        }
+        return ETIMEDOUT;
+    }
+    // Exchange that also checks the reply's command (and length when >= 0).
+    int exchange(uint32_t command, uint32_t parameter, const std::vector<uint8_t>& data,
+                 Message* reply = nullptr, long want_length = -1) {
+        Message m;
+        if (int e = exchange_raw(request(++id_, command, parameter, data), &m)) return e;
+        if (m.command != (command | kReply)) return kMismatch;
+        if (want_length >= 0 && m.length != static_cast<uint32_t>(want_length)) return kMismatch;
+        if (reply != nullptr) *reply = m;
+        return 0;
+    }
+    uint32_t last_id() const { return id_; }
+
+    // ---- commands
+    int version(std::string* text) {
+        Message m;
+        if (int e = exchange(1, 0, {}, &m, 32)) return e;
+        text->assign(reinterpret_cast<const char*>(m.data.data()),
+                     strnlen(reinterpret_cast<const char*>(m.data.data()), 32));
+        return 0;
+    }
+    int flash_read(uint32_t addr, std::vector<uint8_t>* page) {
+        Message m;
+        if (int e = exchange(2, addr, {}, &m, 256)) return e;
+        *page = m.data;
+        return 0;
+    }
+    int flash_write(uint32_t addr, const std::vector<uint8_t>& page) {
+        return exchange(3, addr, page);
+    }
+    int flash_erase(uint32_t addr) { return exchange(4, addr, {}); }
+    // Sector by sector: erase, then 16 pages.
+    int flash_store(uint32_t addr, const std::vector<uint8_t>& bytes) {
+        for (size_t s = 0; s < bytes.size(); s += 4096) {
+            if (int e = flash_erase(addr + static_cast<uint32_t>(s))) return e;
+            for (size_t p = s; p < s + 4096; p += 256) {
+                std::vector<uint8_t> page(256, 0);
+                for (size_t i = 0; i < 256 && p + i < bytes.size(); ++i) page[i] = bytes[p + i];
+                if (int e = flash_write(addr + static_cast<uint32_t>(p), page)) return e;
+            }
+        }
+        return 0;
+    }
+    int update_eeprom(uint8_t slot) { return exchange(5, 0, {slot}); }
+    int i2c_read(uint8_t dev, uint16_t reg, uint32_t n, std::vector<uint8_t>* out) {
+        Message m;
+        const std::vector<uint8_t> len = {static_cast<uint8_t>(n), static_cast<uint8_t>(n >> 8),
+                                          static_cast<uint8_t>(n >> 16),
+                                          static_cast<uint8_t>(n >> 24)};
+        if (int e = exchange(6, uint32_t{dev} << 16 | reg, len, &m, n)) return e;
+        *out = m.data;
+        return 0;
+    }
+    int i2c_write(uint8_t dev, uint16_t reg, const std::vector<uint8_t>& data) {
+        return exchange(7, uint32_t{dev} << 16 | reg, data);
+    }
+    int read1(uint8_t dev, uint16_t reg, uint8_t* v) {
+        std::vector<uint8_t> out;
+        if (int e = i2c_read(dev, reg, 1, &out)) return e;
+        *v = out[0];
+        return 0;
+    }
+    int asic_read(uint16_t reg, uint8_t* v) { return read1(0xCD, reg, v); }
+    int asic_write(uint16_t reg, uint8_t v) { return i2c_write(0xCC, reg, {v}); }
+    int eeprom_read(uint16_t addr, uint8_t* v) { return read1(0xA1, addr, v); }
+    int eeprom_write(uint16_t addr, uint8_t v) { return i2c_write(0xA0, addr, {v}); }
+    int fpga_read(uint16_t reg, uint8_t* v) { return read1(0xC1, reg, v); }
+    int fpga_write(uint16_t reg, uint8_t v) { return i2c_write(0xC0, reg, {v}); }
+    int set_gpio(uint8_t pin, uint8_t value) { return exchange(10, 0, {0x00, pin, value}); }
+    int get_gpio(uint8_t pin, uint8_t* value) {
+        Message m;
+        if (int e = exchange(10, 0, {0x01, pin}, &m, 1)) return e;
+        *value = m.data[0];
+        return 0;
+    }
+    int status(uint8_t* s) {
+        Message m;
+        if (int e = exchange(11, 0, {}, &m, 1)) return e;
+        *s = m.data[0];
+        return 0;
+    }
+    int imu(std::vector<std::array<uint8_t, 16>>* records) {
+        Message m;
+        if (int e = exchange(13, 0, {}, &m)) return e;
+        records->clear();
+        for (size_t i = 0; i + 16 <= m.data.size(); i += 16) {
+            std::array<uint8_t, 16> r;
+            std::memcpy(r.data(), m.data.data() + i, 16);
+            records->push_back(r);
+        }
+        return 0;
+    }
+    int set_asic(uint8_t state) { return exchange(14, 0, {state}); }
+    int reset_count(uint32_t* n) {
+        Message m;
+        if (int e = exchange(15, 0, {}, &m, 4)) return e;
+        *n = be32(m.data.data());
+        return 0;
+    }
+
+    // Sensor bridge of the ASIC: one command to both sensors.
+    int sensor_write(uint16_t reg, uint8_t value) {
+        for (auto [r, v] : {std::pair<uint16_t, uint8_t>{0xF1, reg >> 8},
+                            {0xF2, reg & 0xFF},
+                            {0xF3, 0},
+                            {0xF4, value}})
+            if (int e = asic_write(r, v)) return e;
+        return 0;
+    }
+
+  private:
+    int fd_ = -1;
+    uint32_t id_ = 0;
+};
+
+// Fields of a raw IMU record.
+inline int16_t imu16(const std::array<uint8_t, 16>& r, int offset) {
+    return static_cast<int16_t>(r[offset] | (r[offset + 1] << 8));
+}
+inline uint16_t imu_counter(const std::array<uint8_t, 16>& r) {
+    return static_cast<uint16_t>(r[14] | (r[15] << 8));
+}
+
+}  // namespace xutest
+
+#endif
