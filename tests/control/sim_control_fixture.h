@@ -1,0 +1,109 @@
+// A simulated camera with its control device open, and readers of what the
+// camera itself holds and recorded, for the control layer's end-to-end tests.
+#ifndef KS_TEST_SIM_CONTROL_FIXTURE_H
+#define KS_TEST_SIM_CONTROL_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "control_protocol/protocol_master.h"
+#include "control_protocol/uvc_protocol_master.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_kernel.h"
+#include "sim/kssim.h"
+#include "tests/sim/sim_fixture.h"
+
+namespace simctl {
+
+inline bool exchange_mutex_free() {
+    if (trylock_uvc_protocol_mutex() != 0) return false;
+    unlock_uvc_protocol_mutex();
+    return true;
+}
+
+// One exchange's frame for direct protocol calls: the mutex held, the
+// camera selected.
+class Locked {
+  public:
+    explicit Locked(const _struct_ks_ctrl_device& ctrl) {
+        lock_uvc_protocol_mutex();
+        set_cur_uvc_fd(ctrl.fd);
+    }
+    ~Locked() { unlock_uvc_protocol_mutex(); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+};
+
+inline std::vector<uint8_t> data_of(const kssim_message& m) {
+    return std::vector<uint8_t>(m.data, m.data + m.data_length);
+}
+
+inline std::vector<kssim_message> traffic_of(kssim_camera* camera) {
+    std::vector<kssim_message> out(kssim_camera_traffic_count(camera));
+    for (size_t i = 0; i < out.size(); ++i) kssim_camera_traffic_get(camera, i, &out[i]);
+    return out;
+}
+
+inline std::vector<kssim_message> requests_of(kssim_camera* camera) {
+    std::vector<kssim_message> out;
+    for (const kssim_message& m : traffic_of(camera))
+        if (m.direction == KSSIM_REQUEST) out.push_back(m);
+    return out;
+}
+
+class ControlSim : public simtest::SimTest {
+  protected:
+    void SetUp() override {
+        simtest::SimTest::SetUp();
+        ASSERT_EQ(0, kssim_world_set_warp(world_, 200.0));
+        camera_ = add_camera();
+        ASSERT_NE(nullptr, camera_);
+        ASSERT_EQ(0, ks_iic_init_dev(&ctrl_, kssim_camera_node_path(camera_, KSSIM_NODE_CAPTURE)));
+        kssim_camera_traffic_clear(camera_);
+    }
+    void TearDown() override {
+        EXPECT_TRUE(exchange_mutex_free());
+        release_iic_ctrl(&ctrl_);
+        set_cur_uvc_fd(-1);
+        simtest::SimTest::TearDown();
+    }
+
+    bool mutex_free() { return exchange_mutex_free(); }
+    uint8_t reg(kssim_chip chip, uint32_t r) {
+        uint8_t v = 0;
+        EXPECT_EQ(0, kssim_camera_register_read(camera_, chip, r, &v));
+        return v;
+    }
+    std::vector<unsigned char> eeprom_bytes(uint32_t addr, size_t n) {
+        std::vector<unsigned char> out(n);
+        EXPECT_EQ(0, kssim_camera_eeprom_read(camera_, addr, out.data(), n));
+        return out;
+    }
+    uint8_t eeprom(uint32_t addr) { return eeprom_bytes(addr, 1)[0]; }
+    std::vector<unsigned char> flash(uint32_t addr, size_t n) {
+        std::vector<unsigned char> out(n);
+        EXPECT_EQ(0, kssim_camera_flash_read(camera_, addr, out.data(), n));
+        return out;
+    }
+    kssim_device_state state() {
+        kssim_device_state s{};
+        EXPECT_EQ(0, kssim_camera_device_state(camera_, &s));
+        return s;
+    }
+    std::vector<kssim_message> traffic() { return traffic_of(camera_); }
+    std::vector<kssim_message> requests() { return requests_of(camera_); }
+    // I2C requests addressed to one device address.
+    std::vector<kssim_message> requests_to(uint32_t dev) {
+        std::vector<kssim_message> out;
+        for (const kssim_message& m : requests())
+            if ((m.command == 6 || m.command == 7) && (m.parameter >> 16) == dev) out.push_back(m);
+        return out;
+    }
+
+    kssim_camera* camera_ = nullptr;
+    _struct_ks_ctrl_device ctrl_ = {};
+};
+
+}  // namespace simctl
+
+#endif

@@ -1,0 +1,373 @@
+// The control layer end to end against the virtual camera: every command
+// round-trips, requests carry exactly the protocol's bytes (read from the
+// camera's own traffic record), flash transfers erase and program in order,
+// the verified EEPROM write retries as designed, ASIC accesses are paced,
+// and every kind of misbehaving controller ends the exchange cleanly.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "control_protocol/protocol_master.h"
+#include "control_protocol/uvc_protocol_master.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_application_layer.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_kernel.h"
+#include "sim_control_fixture.h"
+
+using simctl::ControlSim;
+using simctl::Locked;
+
+namespace {
+constexpr unsigned kFail = 0xFFFFFFFFu;
+}  // namespace
+
+TEST_F(ControlSim, EveryCommandRoundTrips) {
+    // Controller version and reset count.
+    char version[32] = {};
+    ASSERT_EQ(0u, ks_get_usb_version(&ctrl_, version));
+    EXPECT_STREQ("KS-USB 3.2.1 2023-11-20", version);
+
+    // ASIC, EEPROM and FPGA bytes, checked on the camera itself.
+    ASSERT_EQ(0u, ks_write_nuvex_register(&ctrl_, 0x26, 0x5D));
+    EXPECT_EQ(0x5D, reg(KSSIM_CHIP_ASIC, 0x26));
+    uint16_t v = 0;
+    ASSERT_EQ(0u, ks_read_nuvex_register(&ctrl_, 0x1F, &v));
+    EXPECT_EQ(0x34, v);
+    ASSERT_EQ(0u, ks_write_nuvex_eeprom(&ctrl_, 0x3C09, 0x40));
+    EXPECT_EQ(0x40, eeprom(0x3C09));
+    ASSERT_EQ(0u, ks_read_nuvex_eeprom(&ctrl_, 0x3C09, &v));
+    EXPECT_EQ(0x40, v);
+    ASSERT_EQ(0u, ks_fpga_read(&ctrl_, 0x1F, &v));
+    EXPECT_EQ(0x56, v);
+    ASSERT_EQ(0u, ks_fpga_write(&ctrl_, 0x08, 1));
+    EXPECT_EQ(1, reg(KSSIM_CHIP_FPGA, 0x08));
+
+    // Flash: an EPR slot and the FPGA bitstream, written and read back.
+    std::vector<unsigned char> image(8192);
+    for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<unsigned char>(i * 13 + 1);
+    ASSERT_EQ(0u, ks_send_asic_epr_to_usb_flash(&ctrl_, 7, image.data(), 8192));
+    EXPECT_EQ(image, flash((7 + 101) << 12, 8192));
+    std::vector<unsigned char> back(8192);
+    ASSERT_EQ(0u, ks_receive_asic_epr(&ctrl_, 7, back.data(), 8192));
+    EXPECT_EQ(image, back);
+    ASSERT_EQ(0u, ks_kernel_send_fpga_bit(&ctrl_, image.data(), 4096));
+    EXPECT_EQ(std::vector<unsigned char>(image.begin(), image.begin() + 4096),
+              flash(0x3D000, 4096));
+    std::fill(back.begin(), back.end(), 0);
+    ASSERT_EQ(0u, ks_kernel_receive_fpga_bit(&ctrl_, back.data(), 4096));
+    EXPECT_EQ(0, std::memcmp(image.data(), back.data(), 4096));
+
+    // GPIO, status, IMU.
+    {
+        Locked lock(ctrl_);
+        const unsigned char pins[2] = {4, 5};
+        const unsigned char levels[2] = {1, 0};
+        ASSERT_EQ(0, protocol_set_gpios(pins, levels, 2));
+        ASSERT_EQ(0, protocol_set_gpio(6, 1));
+        unsigned char got[3] = {9, 9, 9};
+        const unsigned char all[3] = {4, 5, 6};
+        ASSERT_EQ(0, protocol_get_gpios(all, got, 3));
+        EXPECT_EQ(1, got[0]);
+        EXPECT_EQ(0, got[1]);
+        EXPECT_EQ(1, got[2]);
+        unsigned char level = 0;
+        ASSERT_EQ(0, protocol_get_gpio(4, &level));
+        EXPECT_EQ(1, level);
+        unsigned char status = 0;
+        ASSERT_EQ(0, protocol_get_status(&status));
+        EXPECT_EQ(0x03, status);  // ASIC running, EPR loaded
+    }
+    ks_sys_usleep(100000);  // 40 samples at 400 Hz
+    {
+        Locked lock(ctrl_);
+        unsigned char records[256];
+        const int n = protocol_get_IMU(records);
+        ASSERT_EQ(10, n);  // the controller's most per reply
+        for (int i = 0; i < n; ++i) EXPECT_EQ(0x03, records[16 * i]);
+    }
+
+    // ASIC reset state: held, then released (a power-up counted by the
+    // controller).
+    uint32_t resets = 0;
+    ASSERT_EQ(0u, ks_get_usb_nuvex_reset_cnt(&ctrl_, &resets));
+    ASSERT_EQ(0u, ks_reset_asic_status(&ctrl_, 0));
+    EXPECT_EQ(0, state().asic_running);
+    ASSERT_EQ(0u, ks_reset_asic_status(&ctrl_, 1));
+    EXPECT_EQ(1, state().asic_running);
+    uint32_t after = 0;
+    ASSERT_EQ(0u, ks_get_usb_nuvex_reset_cnt(&ctrl_, &after));
+    EXPECT_EQ(resets + 1, after);
+
+    // GPIO 17 through the primitive.
+    ASSERT_EQ(0u, ks_kernel_set_asic_gpio(&ctrl_, 1));
+    EXPECT_EQ(1, state().gpio17);
+}
+
+TEST_F(ControlSim, EepromUpdateFromFlashWaitsOutTheBusyController) {
+    std::vector<unsigned char> epr(4096, 0);
+    ASSERT_EQ(0, kssim_epr_build(epr.data(), 640, 480, 30000, 50, 3));
+    ASSERT_EQ(0u, ks_send_asic_epr_to_usb_flash(&ctrl_, 9, epr.data(), 4096));
+    kssim_camera_traffic_clear(camera_);
+
+    const uint64_t start = kssim_world_now_us(world_);
+    EXPECT_EQ(0u, ks_select_eeprom_from_usb_flash(&ctrl_, 9));
+    EXPECT_GE(kssim_world_now_us(world_) - start, 300000u);
+    EXPECT_EQ(std::vector<unsigned char>(epr.begin(), epr.begin() + 3072), eeprom_bytes(0, 3072));
+    EXPECT_EQ(0, state().eeprom_busy);
+    // The update, then status requests until one is answered (the busy
+    // controller fails the queries, so the ones in between never arrive).
+    const auto reqs = requests();
+    ASSERT_GE(reqs.size(), 2u);
+    EXPECT_EQ(5u, reqs[0].command);
+    EXPECT_EQ(9, reqs[0].data[0]);
+    EXPECT_EQ(11u, reqs.back().command);
+    EXPECT_EQ(0, reqs.back().outcome);
+}
+
+TEST_F(ControlSim, RequestsCarryTheProtocolsExactBytes) {
+    {
+        Locked lock(ctrl_);
+        unsigned char two[2];
+        ASSERT_EQ(0, protocol_iic_read(0xA1, 0x0123, two, 2));
+        unsigned char status = 0;
+        ASSERT_EQ(0, protocol_get_status(&status));
+    }
+    ASSERT_EQ(0u, ks_iic_write(&ctrl_, 0x51, 0x7F));
+    ASSERT_EQ(0u, ks_kernel_set_asic_gpio(&ctrl_, 1));
+    std::vector<unsigned char> sector(4096);
+    for (size_t i = 0; i < sector.size(); ++i) sector[i] = static_cast<unsigned char>(i);
+    ASSERT_EQ(0u, ks_send_asic_epr_to_usb_flash(&ctrl_, 0, sector.data(), 4096));
+    uint32_t count = 0;
+    ASSERT_EQ(0u, ks_get_usb_nuvex_reset_cnt(&ctrl_, &count));
+
+    const auto msgs = traffic();
+    const auto reqs = requests();
+    ASSERT_EQ(22u, reqs.size());
+    for (size_t i = 0; i < reqs.size(); ++i) {
+        EXPECT_EQ(0x01020304u, reqs[i].tag);
+        EXPECT_EQ(0u, reqs[i].timestamp);
+        if (i > 0) {
+            EXPECT_EQ(reqs[i - 1].id + 1, reqs[i].id);
+        }
+        uint32_t sum = 0;
+        for (uint32_t k = 0; k < reqs[i].data_length; ++k) sum += reqs[i].data[k];
+        EXPECT_EQ(sum, reqs[i].checksum);
+        EXPECT_EQ(0, reqs[i].outcome) << "request " << i;
+    }
+    // I2C read of two bytes at 0xA1:0x0123, its length least significant first.
+    EXPECT_EQ(6u, reqs[0].command);
+    EXPECT_EQ(0x00A10123u, reqs[0].parameter);
+    EXPECT_EQ(4u, reqs[0].length);
+    EXPECT_EQ(std::vector<uint8_t>({2, 0, 0, 0}), simctl::data_of(reqs[0]));
+    // Status: no data; the parameter and reserved words as the last reply left them.
+    EXPECT_EQ(11u, reqs[1].command);
+    EXPECT_EQ(0u, reqs[1].length);
+    EXPECT_EQ(0u, reqs[1].checksum);
+    EXPECT_EQ(0x00A10123u, reqs[1].parameter);
+    EXPECT_EQ(msgs[1].reserved, reqs[1].reserved);
+    // ASIC write.
+    EXPECT_EQ(7u, reqs[2].command);
+    EXPECT_EQ(0x00CC0051u, reqs[2].parameter);
+    EXPECT_EQ(std::vector<uint8_t>({0x7F}), simctl::data_of(reqs[2]));
+    // GPIO 17 high.
+    EXPECT_EQ(10u, reqs[3].command);
+    EXPECT_EQ(std::vector<uint8_t>({0x00, 17, 1}), simctl::data_of(reqs[3]));
+    // Sector erase, then 16 pages of 256 bytes.
+    EXPECT_EQ(4u, reqs[4].command);
+    EXPECT_EQ(0x65000u, reqs[4].parameter);
+    EXPECT_EQ(0u, reqs[4].length);
+    for (int p = 0; p < 16; ++p) {
+        const auto& w = reqs[5 + p];
+        EXPECT_EQ(3u, w.command);
+        EXPECT_EQ(0x65000u + 256u * p, w.parameter);
+        ASSERT_EQ(256u, w.length);
+        EXPECT_EQ(0, std::memcmp(sector.data() + 256 * p, w.data, 256));
+    }
+    EXPECT_EQ(15u, reqs[21].command);
+    EXPECT_EQ(0u, reqs[21].length);
+}
+
+TEST_F(ControlSim, MultiSectorFlashWriteErasesAndProgramsInOrder) {
+    // Old contents everywhere: without its erase a sector would read back
+    // as old & new.
+    const uint32_t base = (3 + 101) << 12;
+    ASSERT_EQ(0, kssim_camera_flash_write(camera_, base,
+                                          std::vector<uint8_t>(3 * 4096, 0x5A).data(), 3 * 4096));
+    std::vector<unsigned char> image(3 * 4096);
+    for (size_t i = 0; i < image.size(); ++i)
+        image[i] = static_cast<unsigned char>(i * 7 + i / 4096);
+    ASSERT_EQ(0u, ks_send_asic_epr_to_usb_flash(&ctrl_, 3, image.data(), 3 * 4096));
+
+    const auto reqs = requests();
+    ASSERT_EQ(3u * 17u, reqs.size());
+    for (int s = 0; s < 3; ++s) {
+        EXPECT_EQ(4u, reqs[17 * s].command);
+        EXPECT_EQ(base + 4096u * s, reqs[17 * s].parameter);
+        for (int p = 0; p < 16; ++p) {
+            EXPECT_EQ(3u, reqs[17 * s + 1 + p].command);
+            EXPECT_EQ(base + 4096u * s + 256u * p, reqs[17 * s + 1 + p].parameter);
+        }
+    }
+    EXPECT_EQ(image, flash(base, 3 * 4096));
+    std::vector<unsigned char> back(3 * 4096);
+    ASSERT_EQ(0u, ks_receive_asic_epr(&ctrl_, 3, back.data(), 3 * 4096));
+    EXPECT_EQ(image, back);
+
+    // A refused erase ends the transfer at once and changes nothing.
+    kssim_camera_traffic_clear(camera_);
+    kssim_fault_spec f = {KSSIM_FAULT_FLASH_WRITE_FAIL, 1, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+    std::vector<unsigned char> other(2 * 4096, 0x11);
+    EXPECT_EQ(kFail, ks_send_asic_epr_to_usb_flash(&ctrl_, 3, other.data(), 2 * 4096));
+    EXPECT_EQ(1u, requests().size());
+    EXPECT_EQ(image, flash(base, 3 * 4096));
+    EXPECT_TRUE(mutex_free());
+}
+
+TEST_F(ControlSim, VerifiedEepromWrite) {
+    const uint8_t old = eeprom(0x3C20);
+    kssim_fault_spec never = {KSSIM_FAULT_EEPROM_NO_STICK, 0, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &never));
+    EXPECT_EQ(kFail, ks_eeprom_write(&ctrl_, 0x3C20, old ^ 0xFF));
+    EXPECT_EQ(old, eeprom(0x3C20));
+    auto writes = requests_to(0xA0);
+    EXPECT_EQ(11u, writes.size());
+    EXPECT_EQ(11u, requests_to(0xA1).size());
+    for (const auto& w : writes) {
+        EXPECT_EQ(0x00A03C20u, w.parameter);
+        EXPECT_EQ(std::vector<uint8_t>({static_cast<uint8_t>(old ^ 0xFF)}), simctl::data_of(w));
+    }
+
+    ASSERT_EQ(0, kssim_camera_clear_fault(camera_, KSSIM_FAULT_EEPROM_NO_STICK));
+    kssim_camera_traffic_clear(camera_);
+    kssim_fault_spec three = {KSSIM_FAULT_EEPROM_NO_STICK, 3, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &three));
+    EXPECT_EQ(0u, ks_eeprom_write(&ctrl_, 0x3C21, 0x6B));
+    EXPECT_EQ(0x6B, eeprom(0x3C21));
+    EXPECT_EQ(4u, requests_to(0xA0).size());
+    EXPECT_EQ(4u, requests_to(0xA1).size());
+}
+
+TEST_F(ControlSim, AsicAccessesArePacedOneMillisecondApart) {
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(0u, ks_iic_write(&ctrl_, 0x40 + i, i));
+        uint16_t v = 0;
+        ASSERT_EQ(0u, ks_iic_read(&ctrl_, 0x40 + i, &v));
+        EXPECT_EQ(i, v);
+    }
+    const auto reqs = requests();
+    ASSERT_EQ(10u, reqs.size());
+    for (size_t i = 1; i < reqs.size(); ++i)
+        EXPECT_GE(reqs[i].time_us - reqs[i - 1].time_us, 1000u) << "request " << i;
+}
+
+// ---- a misbehaving controller --------------------------------------------------
+
+TEST_F(ControlSim, RepliesThatAreNotTheAnswerAreSkippedOrRefused) {
+    uint16_t v = 0;
+    // Blocks without the reply flag or with a bad tag are skipped.
+    for (kssim_fault_kind kind : {KSSIM_FAULT_REPLY_NO_FLAG, KSSIM_FAULT_REPLY_BAD_TAG}) {
+        kssim_fault_spec f = {kind, 3, 0, 0};
+        ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+        EXPECT_EQ(0u, ks_fpga_read(&ctrl_, 0x1F, &v)) << kind;
+        EXPECT_EQ(0x56, v);
+    }
+    // A bad checksum is not looked at.
+    kssim_fault_spec sum = {KSSIM_FAULT_REPLY_BAD_CHECKSUM, 1, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &sum));
+    EXPECT_EQ(0u, ks_fpga_read(&ctrl_, 0x1F, &v));
+    EXPECT_EQ(0x56, v);
+    // A reply to another command or of another length is refused.
+    for (kssim_fault_kind kind :
+         {KSSIM_FAULT_REPLY_WRONG_COMMAND, KSSIM_FAULT_REPLY_WRONG_LENGTH}) {
+        kssim_fault_spec f = {kind, 1, 0, 0};
+        ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+        v = 0xBEEF;
+        EXPECT_EQ(kFail, ks_iic_read(&ctrl_, 0x1F, &v)) << kind;
+        EXPECT_EQ(0, v);
+        EXPECT_TRUE(mutex_free());
+    }
+    // Failing queries and devices that do not acknowledge.
+    kssim_fault_spec xu = {KSSIM_FAULT_XU_FAIL, 1, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &xu));
+    EXPECT_EQ(kFail, ks_iic_write(&ctrl_, 0x26, 1));
+    kssim_fault_spec nak = {KSSIM_FAULT_I2C_REFUSE_ASIC, 1, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &nak));
+    EXPECT_EQ(kFail, ks_iic_read(&ctrl_, 0x1F, &v));
+    EXPECT_TRUE(mutex_free());
+    EXPECT_EQ(0u, ks_iic_read(&ctrl_, 0x1F, &v));
+    EXPECT_EQ(0x34, v);
+}
+
+TEST_F(ControlSim, ALengthBeyondTheDataBufferIsRejectedBeforeCopying) {
+    kssim_fault_spec f = {KSSIM_FAULT_REPLY_LONG_LENGTH, 1, 0, 0x200};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+    uint16_t v = 0xBEEF;
+    EXPECT_EQ(kFail, ks_iic_read(&ctrl_, 0x1F, &v));
+    EXPECT_EQ(0, v);
+    // The data buffer still holds the request's own data (the byte count
+    // 01 00 00 00), not the reply's 0x34.
+    const unsigned char* data = protocol_message_record()->data;
+    EXPECT_EQ(std::vector<unsigned char>({1, 0, 0, 0}), std::vector<unsigned char>(data, data + 4));
+    EXPECT_TRUE(mutex_free());
+    EXPECT_EQ(0u, ks_iic_read(&ctrl_, 0x1F, &v));
+    EXPECT_EQ(0x34, v);
+}
+
+TEST_F(ControlSim, AControllerThatNeverRepliesIsGivenUpOnAfterFiveSeconds) {
+    kssim_fault_spec f = {KSSIM_FAULT_REPLY_NO_FLAG, 0, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+    uint16_t v = 0;
+    const uint64_t start = kssim_world_now_us(world_);
+    EXPECT_EQ(kFail, ks_fpga_read(&ctrl_, 0x1F, &v));
+    EXPECT_GE(kssim_world_now_us(world_) - start, 5000000u);
+    EXPECT_TRUE(mutex_free());
+    ASSERT_EQ(0, kssim_camera_clear_fault(camera_, KSSIM_FAULT_REPLY_NO_FLAG));
+    EXPECT_EQ(0u, ks_fpga_read(&ctrl_, 0x1F, &v));
+    EXPECT_EQ(0x56, v);
+}
+
+TEST_F(ControlSim, StatusPollingGivesUpAfterSixtySeconds) {
+    kssim_fault_spec slow = {KSSIM_FAULT_SLOW_EEPROM_UPDATE, 1, 0, 90000};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &slow));
+    const uint64_t start = kssim_world_now_us(world_);
+    EXPECT_EQ(0u, ks_select_eeprom_from_usb_flash(&ctrl_, 0));
+    const uint64_t waited = kssim_world_now_us(world_) - start;
+    EXPECT_GE(waited, 60000000u);
+    EXPECT_LT(waited, 90000000u);  // still busy when it gave up
+    EXPECT_EQ(1, state().eeprom_busy);
+    EXPECT_TRUE(mutex_free());
+}
+
+TEST_F(ControlSim, HostileControllerNeverBreaksTheHost) {
+    ASSERT_EQ(0, kssim_camera_set_hostile(camera_, 1, 1234));
+    std::vector<unsigned char> page(4096, 0x42);
+    for (int round = 0; round < 150; ++round) {
+        uint16_t v = 0;
+        char version[32];
+        uint32_t count = 0;
+        const unsigned r1 = ks_iic_read(&ctrl_, round & 0xFF, &v);
+        EXPECT_TRUE(r1 == 0 || r1 == kFail);
+        EXPECT_LE(v, 0xFF);
+        ks_eeprom_write(&ctrl_, 0x3C30, round);
+        ks_fpga_read(&ctrl_, 0x00, &v);
+        ks_get_usb_version(&ctrl_, version);
+        EXPECT_LT(std::strlen(version), 32u);
+        ks_get_usb_nuvex_reset_cnt(&ctrl_, &count);
+        ks_receive_asic_epr(&ctrl_, 1, page.data(), 4096);
+        Locked lock(ctrl_);
+        unsigned char records[256];
+        const int n = protocol_get_IMU(records);
+        EXPECT_TRUE(n >= -1 && n <= 16) << n;
+        unsigned char got[4];
+        const unsigned char pins[4] = {1, 2, 3, 4};
+        protocol_get_gpios(pins, got, 4);
+        unsigned char status;
+        protocol_get_status(&status);
+    }
+    EXPECT_EQ(0, kssim_camera_set_hostile(camera_, 0, 0));
+    uint16_t v = 0;
+    EXPECT_EQ(0u, ks_fpga_read(&ctrl_, 0x1F, &v));
+    EXPECT_EQ(0x56, v);
+}
