@@ -6,7 +6,6 @@
 #include <new>
 
 #include "sim/sim_device.h"
-#include "sim/sim_epr.h"
 #include "sim/sim_world.h"
 
 using kssim::Camera;
@@ -326,28 +325,6 @@ int kssim_camera_control_stats(kssim_camera* c, kssim_control_stats* out) {
     Device* d = dev(c);
     if (d == nullptr || out == nullptr) return -1;
     *out = d->control_stats();
-    return 0;
-}
-
-int kssim_epr_build(uint8_t* out, uint16_t width, uint16_t height, double bxf, double baseline,
-                    uint32_t seed) {
-    kssim::EprInfo e;
-    e.width = width;
-    e.height = height;
-    e.seed = seed;
-    if (out == nullptr || !kssim::epr_encode_constants(bxf, baseline, &e.bxf_raw, &e.baseline_raw))
-        return -1;
-    return kssim::epr_build(out, e) ? 0 : -1;
-}
-
-int kssim_epr_check(const uint8_t* image, size_t size, uint16_t* width, uint16_t* height,
-                    double* bxf, double* baseline) {
-    kssim::EprInfo e;
-    if (!kssim::epr_parse(image, size, &e)) return -1;
-    if (width != nullptr) *width = e.width;
-    if (height != nullptr) *height = e.height;
-    if (bxf != nullptr) *bxf = e.bxf();
-    if (baseline != nullptr) *baseline = e.baseline();
     return 0;
 }
 

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "sim/kssim.h"
 #include "sim/sim_scene.h"
 
 namespace kssim {
@@ -96,3 +97,31 @@ bool epr_parse(const uint8_t* image, size_t size, EprInfo* info) {
 }
 
 }  // namespace kssim
+
+// The C interface (kssim.h). Kept here so that tools can use the image format
+// without the rest of the simulator.
+extern "C" {
+
+int kssim_epr_build(uint8_t* out, uint16_t width, uint16_t height, double bxf, double baseline,
+                    uint32_t seed) {
+    kssim::EprInfo e;
+    e.width = width;
+    e.height = height;
+    e.seed = seed;
+    if (out == nullptr || !kssim::epr_encode_constants(bxf, baseline, &e.bxf_raw, &e.baseline_raw))
+        return -1;
+    return kssim::epr_build(out, e) ? 0 : -1;
+}
+
+int kssim_epr_check(const uint8_t* image, size_t size, uint16_t* width, uint16_t* height,
+                    double* bxf, double* baseline) {
+    kssim::EprInfo e;
+    if (!kssim::epr_parse(image, size, &e)) return -1;
+    if (width != nullptr) *width = e.width;
+    if (height != nullptr) *height = e.height;
+    if (bxf != nullptr) *bxf = e.bxf();
+    if (baseline != nullptr) *baseline = e.baseline();
+    return 0;
+}
+
+}  // extern "C"
