@@ -11,6 +11,10 @@
 //   KSSIM_FPS       frame rate of every camera
 //   KSSIM_WEBCAM    1: add a webcam that is not ours
 //   KSSIM_USB2      1: add one of our cameras behind a USB 2.0 link
+//   KSSIM_FIRMWARE  controller firmware version text ("1022..." for the older one)
+//   KSSIM_SENSOR    ov9281 | imx225 | sc132gs | ar0144 | ar0132
+//   KSSIM_IMU       0: cameras without IMU
+//   KSSIM_IMU_RATE  IMU samples per second
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -79,6 +83,40 @@ int setup() {
     }
     if ((v = getenv("KSSIM_FPS")) != nullptr && !parse_double(v, &cfg.fps)) {
         fprintf(stderr, "kssim: invalid KSSIM_FPS \"%s\"\n", v);
+        return -1;
+    }
+    if ((v = getenv("KSSIM_FIRMWARE")) != nullptr)
+        snprintf(cfg.firmware, sizeof(cfg.firmware), "%s", v);
+    if ((v = getenv("KSSIM_SENSOR")) != nullptr) {
+        static const struct {
+            const char* name;
+            kssim_sensor_model model;
+        } kModels[] = {{"ov9281", KSSIM_SENSOR_OV9281},
+                       {"imx225", KSSIM_SENSOR_IMX225},
+                       {"sc132gs", KSSIM_SENSOR_SC132GS},
+                       {"ar0144", KSSIM_SENSOR_AR0144},
+                       {"ar0132", KSSIM_SENSOR_AR0132}};
+        bool found = false;
+        for (const auto& m : kModels) {
+            if (strcmp(v, m.name) == 0) {
+                cfg.sensor = m.model;
+                found = true;
+            }
+        }
+        if (!found) {
+            fprintf(stderr, "kssim: unknown sensor \"%s\"\n", v);
+            return -1;
+        }
+    }
+    if ((v = getenv("KSSIM_IMU")) != nullptr) {
+        if (strcmp(v, "0") != 0 && strcmp(v, "1") != 0) {
+            fprintf(stderr, "kssim: invalid KSSIM_IMU \"%s\"\n", v);
+            return -1;
+        }
+        cfg.has_imu = strcmp(v, "1") == 0;
+    }
+    if ((v = getenv("KSSIM_IMU_RATE")) != nullptr && !parse_double(v, &cfg.imu_rate)) {
+        fprintf(stderr, "kssim: invalid KSSIM_IMU_RATE \"%s\"\n", v);
         return -1;
     }
     double warp = 1.0;

@@ -24,6 +24,10 @@ void usage(FILE* out) {
             "  --fps F            frame rate of every camera\n"
             "  --webcam           also attach a webcam that is not ours\n"
             "  --usb2             also attach one of our cameras behind a USB 2.0 link\n"
+            "  --firmware TEXT    controller firmware version (\"1022...\": the older firmware)\n"
+            "  --sensor NAME      ov9281, imx225, sc132gs, ar0144 or ar0132\n"
+            "  --no-imu           cameras without IMU\n"
+            "  --imu-rate HZ      IMU samples per second (default 400)\n"
             "  --preload PATH     the preload library to use\n");
 }
 
@@ -82,6 +86,14 @@ int main(int argc, char** argv) {
             setenv("KSSIM_WEBCAM", "1", 1);
         else if (strcmp(a, "--usb2") == 0)
             setenv("KSSIM_USB2", "1", 1);
+        else if (strcmp(a, "--firmware") == 0)
+            setenv("KSSIM_FIRMWARE", value(a), 1);
+        else if (strcmp(a, "--sensor") == 0)
+            setenv("KSSIM_SENSOR", value(a), 1);
+        else if (strcmp(a, "--no-imu") == 0)
+            setenv("KSSIM_IMU", "0", 1);
+        else if (strcmp(a, "--imu-rate") == 0)
+            setenv("KSSIM_IMU_RATE", value(a), 1);
         else if (strcmp(a, "--preload") == 0)
             preload = value(a);
         else if (strcmp(a, "-h") == 0 || strcmp(a, "--help") == 0) {
