@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/ks_log.h"
 #include "control_protocol/protocol_master.h"
 #include "control_protocol/uvc_protocol_master.h"
 #include "fake_firmware.h"
@@ -241,13 +242,21 @@ TEST_F(KernelTest, EepromUpdateFromFlashWaitsForTheController) {
     EXPECT_EQ(0u, ks_select_eeprom_from_usb_flash(&ctrl_, 3));
     EXPECT_EQ(2u, dev_.requests().size());
 
-    // A controller that never comes back is given up on after 60 s.
+    // A controller that never comes back is given up on after 60 s, and the
+    // log says so.
+    ks_test::TempDir dir;
+    const std::string log = dir / "ctl.log";
+    ASSERT_EQ(0, ks_init_log(log.c_str()));
     fw_.status_failures = 1 << 30;
     const int64_t start = dev_.now_us();
     EXPECT_EQ(0u, ks_select_eeprom_from_usb_flash(&ctrl_, 0));
     const int64_t waited = dev_.now_us() - start;
+    ks_destory_log();
     EXPECT_GE(waited, 60000000);
     EXPECT_LT(waited, 60300000);
+    EXPECT_NE(std::string::npos, ks_test::read_file(log).find(
+                                     "USB controller did not answer a status request "
+                                     "within 60 s after the EEPROM update from flash slot 0"));
 }
 
 TEST_F(KernelTest, DeadFpgaWrappersPrintAndTouchNothing) {
