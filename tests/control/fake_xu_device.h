@@ -156,9 +156,6 @@ class Device {
         std::lock_guard<std::mutex> g(m_);
         return last_query_;
     }
-    // Interleaving check: a request sent while another thread's exchange was
-    // waiting for its reply.
-    int interleaved() const { return interleaved_.load(); }
 
   private:
     static Device*& current() {
@@ -232,13 +229,11 @@ class Device {
                 std::memcpy(b.data(), q->data, 320);
                 Request r = decode(b);
                 r.fd = fd;
-                if (d->awaiting_reply_) d->interleaved_++;
                 d->requests_.push_back(r);
                 d->pending_.clear();
                 if (d->responder_) {
                     for (const Block& out : d->responder_(r)) d->pending_.push_back(out);
                 }
-                d->awaiting_reply_ = true;
                 return 0;
             }
             case UVC_GET_CUR: {
@@ -253,7 +248,6 @@ class Device {
                 if (!d->pending_.empty()) {
                     b = d->pending_.front();
                     d->pending_.pop_front();
-                    if (get32(&b[16]) & 0x80000000u) d->awaiting_reply_ = false;
                 }
                 // Nothing pending: a block without the reply flag.
                 std::memcpy(q->data, b.data(), 320);
@@ -277,8 +271,6 @@ class Device {
     std::atomic<int> fail_receives_{0};
     std::atomic<int> fail_sends_{0};
     std::atomic<int> sleeps_under_mutex_{0};
-    std::atomic<int> interleaved_{0};
-    bool awaiting_reply_ = false;
     uint8_t len_[2] = {0x40, 0x01};
     uvc_xu_control_query last_query_{};
 };
