@@ -196,7 +196,8 @@ int process_image(unsigned char* buf, KsY4L2Cam* cam) {
     uint64_t id = cam->width >= 26 ? ks_frame_id_of(buf) : 0;
     slot.frame_id.store(static_cast<uint32_t>(id), std::memory_order_relaxed);
     ring->latest.store(index, std::memory_order_release);
-    if (cam->sync_id_addr != nullptr) __atomic_store_n(cam->sync_id_addr, id, __ATOMIC_RELEASE);
+    unsigned long* sync_id = cam->sync_id_addr.load(std::memory_order_acquire);
+    if (sync_id != nullptr) __atomic_store_n(sync_id, id, __ATOMIC_RELEASE);
     return 0;
 }
 

@@ -399,7 +399,7 @@ float getv4l2StreamFPS(KsY4L2Cam* cam) {
 
 int setVideoSyncIdAddress(KsY4L2Cam* cam, unsigned long* addr) {
     if (empty_handle(cam)) return -1;
-    cam->sync_id_addr = addr;
+    cam->sync_id_addr.store(addr, std::memory_order_release);
     return 0;
 }
 

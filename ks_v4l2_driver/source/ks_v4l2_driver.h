@@ -81,7 +81,9 @@ typedef struct _struct_ks_Y4L2Cam {
     std::atomic<int32_t> reconnecting;
     struct timeval fps_start;
     struct timeval fps_now;
-    unsigned long* sync_id_addr;  // written with atomic stores: the IMU thread reads it
+    // May be set while streaming; the value behind it is written with atomic
+    // stores because the IMU thread reads it.
+    std::atomic<unsigned long*> sync_id_addr;
 
     // The capture thread, joined when the stream is released so that no
     // thread outlives the buffers it reads.
