@@ -1,0 +1,142 @@
+// A simulated camera (of a chosen sensor model and controller firmware)
+// with its control device open, plus readers of what the camera itself
+// holds, for the tests of the EEPROM store, ASIC and sensor control and the
+// image transfers.
+#ifndef KS_TEST_CTRL_LAYER_FIXTURE_H
+#define KS_TEST_CTRL_LAYER_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "control_protocol/uvc_protocol_master.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_application_layer.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_kernel.h"
+#include "sim/kssim.h"
+#include "tests/sim/sim_fixture.h"
+
+namespace ctrltest {
+
+using Bytes = std::vector<uint8_t>;
+
+struct CameraSpec {
+    kssim_sensor_model sensor = KSSIM_SENSOR_OV9281;
+    const char* firmware = nullptr;  // null: the default (current) firmware
+};
+
+class CtrlLayer : public simtest::SimTest {
+  protected:
+    void SetUp() override {
+        simtest::SimTest::SetUp();
+        ASSERT_EQ(0, kssim_world_set_warp(world_, 400.0));
+    }
+    void TearDown() override {
+        if (ctrl_.fd >= 0 && camera_ != nullptr) release_iic_ctrl(&ctrl_);
+        set_cur_uvc_fd(-1);
+        simtest::SimTest::TearDown();
+    }
+
+    // Adds the camera and opens its control device; traffic recorded so far
+    // is dropped.
+    void open_camera(const CameraSpec& spec = CameraSpec()) {
+        kssim_camera_config cfg;
+        kssim_camera_config_init(&cfg);
+        cfg.sensor = spec.sensor;
+        if (spec.firmware != nullptr)
+            std::snprintf(cfg.firmware, sizeof(cfg.firmware), "%s", spec.firmware);
+        camera_ = kssim_world_add_camera(world_, &cfg);
+        ASSERT_NE(nullptr, camera_);
+        ctrl_.fd = -1;
+        ASSERT_EQ(0, ks_iic_init_dev(&ctrl_, kssim_camera_node_path(camera_, KSSIM_NODE_CAPTURE)));
+        kssim_camera_traffic_clear(camera_);
+    }
+
+    // ---- what the camera holds ----
+    Bytes eeprom(uint32_t addr, size_t n) {
+        Bytes out(n);
+        EXPECT_EQ(0, kssim_camera_eeprom_read(camera_, addr, out.data(), n));
+        return out;
+    }
+    uint8_t eeprom_byte(uint32_t addr) { return eeprom(addr, 1)[0]; }
+    void poke_eeprom(uint32_t addr, const Bytes& bytes) {
+        ASSERT_EQ(0, kssim_camera_eeprom_write(camera_, addr, bytes.data(), bytes.size()));
+    }
+    Bytes flash(uint32_t addr, size_t n) {
+        Bytes out(n);
+        EXPECT_EQ(0, kssim_camera_flash_read(camera_, addr, out.data(), n));
+        return out;
+    }
+    uint8_t reg(kssim_chip chip, uint32_t r) {
+        uint8_t v = 0;
+        EXPECT_EQ(0, kssim_camera_register_read(camera_, chip, r, &v));
+        return v;
+    }
+    void poke(kssim_chip chip, uint32_t r, uint8_t v) {
+        ASSERT_EQ(0, kssim_camera_register_write(camera_, chip, r, v));
+    }
+    kssim_device_state state() {
+        kssim_device_state s{};
+        EXPECT_EQ(0, kssim_camera_device_state(camera_, &s));
+        return s;
+    }
+    void fault(kssim_fault_kind kind, uint32_t count = 0, int32_t value = 0) {
+        kssim_fault_spec f{};
+        f.kind = kind;
+        f.count = count;
+        f.value = value;
+        ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+    }
+    void clear(kssim_fault_kind kind) { kssim_camera_clear_fault(camera_, kind); }
+
+    // ---- traffic ----
+    std::vector<kssim_message> requests() {
+        std::vector<kssim_message> out;
+        const size_t n = kssim_camera_traffic_count(camera_);
+        for (size_t i = 0; i < n; ++i) {
+            kssim_message m;
+            if (kssim_camera_traffic_get(camera_, i, &m) == 0 && m.direction == KSSIM_REQUEST)
+                out.push_back(m);
+        }
+        return out;
+    }
+    // I2C writes to one device address: (register, byte) in order.
+    std::vector<std::pair<uint32_t, uint8_t>> writes_to(uint32_t dev) {
+        std::vector<std::pair<uint32_t, uint8_t>> out;
+        for (const kssim_message& m : requests())
+            if (m.command == 7 && (m.parameter >> 16) == dev && m.data_length >= 1)
+                out.emplace_back(m.parameter & 0xFFFF, m.data[0]);
+        return out;
+    }
+    size_t count_requests(uint32_t command) {
+        size_t n = 0;
+        for (const kssim_message& m : requests()) n += m.command == command;
+        return n;
+    }
+    void clear_traffic() { kssim_camera_traffic_clear(camera_); }
+
+    kssim_camera* camera_ = nullptr;
+    _struct_ks_ctrl_device ctrl_ = {-1, 0, 0, 0.0f, 0.0f, 0};
+};
+
+// Captures standard output around a call.
+class StdoutCapture {
+  public:
+    StdoutCapture() { testing::internal::CaptureStdout(); }
+    std::string text() {
+        if (!done_) text_ = testing::internal::GetCapturedStdout();
+        done_ = true;
+        return text_;
+    }
+    ~StdoutCapture() { text(); }
+
+  private:
+    bool done_ = false;
+    std::string text_;
+};
+
+}  // namespace ctrltest
+
+#endif
