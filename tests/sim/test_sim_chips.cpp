@@ -47,10 +47,10 @@ class SimChips : public SimTest {
     }
     // Mean-luma statistic (S0) of the camera's next frame.
     uint32_t mean_luma_stat(kssim_camera* cam) {
-        std::vector<uint8_t> f(1280 * 720 * 3);
+        std::vector<uint8_t> f(640 * 480 * 3);
         EXPECT_GT(kssim_camera_produce_frame(cam, f.data(), f.size()), 0);
         uint32_t s[5];
-        frame_test::Frame(f.data(), 1280, 720).ae(s);
+        frame_test::Frame(f.data(), 640, 480).ae(s);
         return s[0];
     }
     Client xu_;
@@ -253,11 +253,17 @@ TEST_F(SimChips, SensorBridgeSendsCommandsToBothSensorsAndReadsBothBack) {
 
 TEST_F(SimChips, OutputIndicesCountFramesAndCanFreeze) {
     kssim_camera* cam = open();
+    // 30 frames a second of virtual time, bracketed by the clock around the reads.
+    const int64_t b0 = simtest::virtual_now_us();
     const uint8_t a0 = asic(0xE2);
-    EXPECT_EQ(a0, asic(0xE3));
-    ks_sys_usleep(1000000);  // 30 frames
+    const int64_t e0 = simtest::virtual_now_us();
+    ks_sys_usleep(1000000);
+    const int64_t b1 = simtest::virtual_now_us();
     const uint8_t a1 = asic(0xE2);
-    EXPECT_NEAR(30, static_cast<uint8_t>(a1 - a0), 2);
+    const int64_t e1 = simtest::virtual_now_us();
+    EXPECT_GE(static_cast<uint8_t>(a1 - a0), std::floor((b1 - e0) * 30e-6) - 1);
+    EXPECT_LE(static_cast<uint8_t>(a1 - a0), std::ceil((e1 - b0) * 30e-6) + 1);
+    EXPECT_EQ(asic(0xE2), asic(0xE3));
 
     ASSERT_EQ(0, inject(cam, KSSIM_FAULT_OUTPUT_INDEX_FROZEN, 3, 2));  // sensor B, three reads
     const uint8_t frozen = asic(0xE3);
@@ -352,7 +358,7 @@ TEST_F(SimChips, FrameLengthRegistersSetTheFrameRateOfEachModel) {
 }
 
 TEST_F(SimChips, ExposureAndGainChangeTheBrightnessAndItsStatistics) {
-    kssim_camera* cam = open();
+    kssim_camera* cam = open([](kssim_camera_config& c) { c.initial_size = {640, 480}; });
     const uint32_t automatic = mean_luma_stat(cam);
     ASSERT_GT(automatic, 1000u);
     // Stopping AE keeps the exposure it had.
@@ -399,13 +405,16 @@ TEST_F(SimChips, ImuDeliversRecordsWithAWrappingCounter) {
     EXPECT_GE(total, 40u);
 
     // The rate, on the virtual clock.
-    ASSERT_EQ(0, kssim_camera_imu_set_counter(cam, 0));
-    while (!recs.empty()) ASSERT_EQ(0, xu_.imu(&recs));
-    const int64_t t0 = simtest::virtual_now_us();
+    int64_t t0 = 0;
+    do {
+        t0 = simtest::virtual_now_us();
+        ASSERT_EQ(0, xu_.imu(&recs));
+    } while (!recs.empty());
     ks_sys_usleep(1000000);
-    kssim_device_state s = state(cam);
+    const kssim_device_state s = state(cam);
     const int64_t t1 = simtest::virtual_now_us();
-    EXPECT_NEAR(400.0 * (t1 - t0) / 1e6, s.imu_fifo_level, 40);
+    EXPECT_GE(s.imu_fifo_level, 399u);  // at least the second slept
+    EXPECT_LE(s.imu_fifo_level, 400.0 * (t1 - t0) / 1e6 + 1);
 
     // The 16-bit counter wraps.
     do ASSERT_EQ(0, xu_.imu(&recs));
@@ -463,9 +472,10 @@ TEST_F(SimChips, ImuFaultsAndCamerasWithoutImu) {
     ASSERT_EQ(0, inject(cam, KSSIM_FAULT_IMU_SKIP, 1));
     ks_sys_usleep(10000);
     std::vector<uint16_t> counters;
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 200; ++i) {  // until the FIFO has been emptied
         ASSERT_EQ(0, xu_.imu(&recs));
         for (const auto& r : recs) counters.push_back(xutest::imu_counter(r));
+        if (recs.size() < 16) break;
     }
     ASSERT_GE(counters.size(), 10u);
     int jumps = 0;

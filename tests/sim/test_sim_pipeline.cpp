@@ -127,7 +127,7 @@ TEST_F(SimPipeline, ChannelRegisterSwitchesTheStreamAndTheConstantsFollowTheEpr)
     ASSERT_EQ(0, xu_.asic_write(0x51, KSSIM_CHANNEL_ORIGIN_PAIR));
     bool seen = false;
     for (int i = 0; i < 20 && !seen; ++i) {
-        ASSERT_EQ(0, cap_.next_frame(f));
+        ASSERT_EQ(0, cap_.next_frame(f, nullptr, 30000));
         seen = frame_test::Frame(f.data(), 640, 480).channel() == KSSIM_CHANNEL_ORIGIN_PAIR;
     }
     EXPECT_TRUE(seen);
@@ -141,7 +141,7 @@ TEST_F(SimPipeline, ChannelRegisterSwitchesTheStreamAndTheConstantsFollowTheEpr)
     ASSERT_EQ(0, xu_.set_asic(1));
     seen = false;
     for (int i = 0; i < 30 && !seen; ++i) {
-        ASSERT_EQ(0, cap_.next_frame(f));
+        ASSERT_EQ(0, cap_.next_frame(f, nullptr, 30000));  // the new view is rendered first
         const frame_test::Frame fr(f.data(), 640, 480);
         seen = fr.bf() == 20000.0 && fr.base() == 60.0;
     }
