@@ -162,10 +162,16 @@ const char* kssim_camera_by_path_link(kssim_camera* c, kssim_node node);
 const char* kssim_camera_by_id_link(kssim_camera* c, kssim_node node);
 int kssim_camera_get_config(kssim_camera* c, kssim_camera_config* out);
 
-/* Output channel (one of KSSIM_CHANNEL_*): 0, or -1 for another value. */
+/* Output channel (one of KSSIM_CHANNEL_*): 0, or -1 for another value. On
+ * one of our cameras it also sets the ASIC's channel register and is the
+ * channel the ASIC comes up with after a power-up. */
 int kssim_camera_set_output_channel(kssim_camera* c, uint8_t channel);
 uint8_t kssim_camera_output_channel(kssim_camera* c);
-/* Frame rate in frames per second of virtual time (0 < fps <= 1000). */
+/* Frame rate in frames per second of virtual time (0 < fps <= 1000). On one
+ * of our cameras it also rewrites the sensors' frame-length registers (as
+ * near as they encode it) and is the rate they come up with after a
+ * power-up; the delivered rate is exactly fps until the host writes those
+ * registers. kssim_camera_frame_rate reports the rate in force. */
 int kssim_camera_set_frame_rate(kssim_camera* c, double fps);
 double kssim_camera_frame_rate(kssim_camera* c);
 int kssim_camera_set_scene(kssim_camera* c, const kssim_scene* scene);
@@ -225,7 +231,7 @@ typedef enum kssim_fault_kind {
      *     the reply is consumed.
      *   REPLY_WRONG_COMMAND: the command word carries command value (default:
      *     the request's command mod 15 + 1) with the reply flag; consumed.
-     *   REPLY_WRONG_LENGTH: the length word is value (0..256; default the true
+     *   REPLY_WRONG_LENGTH: the length word is value (1..256; 0: the true
      *     length + 1, or 255 for a 256-byte reply), the data padded with zeros
      *     or cut, the checksum matching what is carried; consumed.
      *   REPLY_LONG_LENGTH: the length word is value (default 257; must be
