@@ -297,7 +297,7 @@ typedef struct kssim_fault_spec {
 } kssim_fault_spec;
 
 /* Arms a fault (replacing one of the same kind). With count and duration both
- * 0 it lasts until cleared. 0, or -1 for an invalid spec. */
+ * 0 it lasts until cleared. 0, or -1 for an invalid fault. */
 int kssim_camera_inject_fault(kssim_camera* c, const kssim_fault_spec* fault);
 int kssim_camera_clear_fault(kssim_camera* c, kssim_fault_kind kind);
 /* 1 while the fault is armed, else 0. */

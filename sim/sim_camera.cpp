@@ -906,34 +906,34 @@ int Camera::inject_fault(const kssim_fault_spec& in) {
     static_assert(sizeof(kind) == sizeof(in.kind), "enum size");
     std::memcpy(&kind, &in.kind, sizeof(kind));
     if (kind < 0 || kind >= KSSIM_FAULT_KIND_COUNT) return -1;
-    const kssim_fault_spec& spec = in;
+    const kssim_fault_spec& armed = in;
     if (kind >= KSSIM_FAULT_XU_FAIL) {
         std::lock_guard<std::mutex> ctl(ctl_mu_);
-        return xu_ != nullptr ? xu_->inject_fault(spec) : -1;
+        return xu_ != nullptr ? xu_->inject_fault(armed) : -1;
     }
-    if (spec.kind == KSSIM_FAULT_FEWER_BUFFERS && (spec.value < 0 || spec.value > 32)) return -1;
-    if (spec.kind == KSSIM_FAULT_BAD_MARKER && (spec.value < 0 || spec.value > 255)) return -1;
-    if ((spec.kind == KSSIM_FAULT_S_FMT_FAIL || spec.kind == KSSIM_FAULT_G_FMT_FAIL ||
-         spec.kind == KSSIM_FAULT_QUERYCAP_FAIL) &&
-        (spec.value < 0 || spec.value > 4095))
+    if (armed.kind == KSSIM_FAULT_FEWER_BUFFERS && (armed.value < 0 || armed.value > 32)) return -1;
+    if (armed.kind == KSSIM_FAULT_BAD_MARKER && (armed.value < 0 || armed.value > 255)) return -1;
+    if ((armed.kind == KSSIM_FAULT_S_FMT_FAIL || armed.kind == KSSIM_FAULT_G_FMT_FAIL ||
+         armed.kind == KSSIM_FAULT_QUERYCAP_FAIL) &&
+        (armed.value < 0 || armed.value > 4095))
         return -1;
-    if (spec.kind == KSSIM_FAULT_UNPLUG) {
+    if (armed.kind == KSSIM_FAULT_UNPLUG) {
         const int r = unplug();
         if (r != 0) return r;
-        if (spec.duration_ms > 0)
-            replug_at_ns_.store(world_.clock().mono_ns() + int64_t{spec.duration_ms} * 1000000,
+        if (armed.duration_ms > 0)
+            replug_at_ns_.store(world_.clock().mono_ns() + int64_t{armed.duration_ms} * 1000000,
                                 std::memory_order_release);
         return 0;
     }
     std::lock_guard<std::mutex> ctl(ctl_mu_);
     std::lock_guard<std::mutex> lk(mu_);
-    Fault& f = faults_[spec.kind];
+    Fault& f = faults_[armed.kind];
     f.active = true;
-    f.by_count = spec.count > 0;
-    f.left = spec.count;
+    f.by_count = armed.count > 0;
+    f.left = armed.count;
     f.until_ns =
-        spec.duration_ms > 0 ? world_.clock().mono_ns() + int64_t{spec.duration_ms} * 1000000 : 0;
-    f.value = spec.value;
+        armed.duration_ms > 0 ? world_.clock().mono_ns() + int64_t{armed.duration_ms} * 1000000 : 0;
+    f.value = armed.value;
     return 0;
 }
 

@@ -136,7 +136,7 @@ class Camera {
     int true_distance(uint32_t x, uint32_t y, double* mm);
 
     // ---- faults, plugging, statistics
-    int inject_fault(const kssim_fault_spec& spec);
+    int inject_fault(const kssim_fault_spec& armed);
     int clear_fault(kssim_fault_kind kind);
     bool fault_active(kssim_fault_kind kind);
     int unplug();

@@ -156,9 +156,9 @@ bool Device::take(kssim_fault_kind kind, int32_t* value) {
     return true;
 }
 
-int Device::inject_fault(const kssim_fault_spec& spec) {
-    const int32_t v = spec.value;
-    switch (spec.kind) {
+int Device::inject_fault(const kssim_fault_spec& armed) {
+    const int32_t v = armed.value;
+    switch (armed.kind) {
         case KSSIM_FAULT_XU_FAIL:
             if (v < 0 || v > 4095) return -1;
             break;
@@ -202,16 +202,16 @@ int Device::inject_fault(const kssim_fault_spec& spec) {
     }
     std::lock_guard<std::mutex> lk(mu_);
     const int64_t t = now();
-    Fault& f = fault(spec.kind);
+    Fault& f = fault(armed.kind);
     f.active = true;
-    f.by_count = spec.count > 0;
-    f.left = spec.count;
-    f.until_ns = spec.duration_ms > 0 ? t + int64_t{spec.duration_ms} * 1000000 : 0;
+    f.by_count = armed.count > 0;
+    f.left = armed.count;
+    f.until_ns = armed.duration_ms > 0 ? t + int64_t{armed.duration_ms} * 1000000 : 0;
     f.value = v;
-    if (spec.kind == KSSIM_FAULT_OUTPUT_INDEX_FROZEN) {
+    if (armed.kind == KSSIM_FAULT_OUTPUT_INDEX_FROZEN) {
         for (int s = 0; s < 2; ++s) sensors_[s].frozen_index = output_index(s, false, true);
     }
-    if (spec.kind == KSSIM_FAULT_INVALID_EPR && asic_running()) {
+    if (armed.kind == KSSIM_FAULT_INVALID_EPR && asic_running()) {
         take(KSSIM_FAULT_INVALID_EPR);
         reject_epr();
     }
