@@ -36,4 +36,14 @@ KS_API unsigned int ks_get_usb_nuvex_reset_cnt(_struct_ks_ctrl_device* handle, u
 
 KS_END_DECLS
 
+/* ======================================================================
+ * The rest of the application layer, each part in its own header: the
+ * EEPROM parameter store, ASIC and FPGA control, sensor control through the
+ * ASIC's bridge, EPR and FPGA image transfer.
+ * ====================================================================== */
+#include "ks_asic_iic_ctrl/source/ks_iic_asic_control.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_cmos_control.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_eeprom_store.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_image_transfer.h"
+
 #endif
