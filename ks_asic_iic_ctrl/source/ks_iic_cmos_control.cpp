@@ -379,7 +379,7 @@ int ks_set_sony224_fps(_struct_ks_ctrl_device* handle, float fps) {
     }
     // The divisor is a 16-bit register: rates too slow for it (or not a
     // positive number) saturate at 65535, rates above 33000 fps at 1.
-    const double y = kImx225Rate / static_cast<double>(fps);
+    const double y = fps > 0.0f ? kImx225Rate / static_cast<double>(fps) : 65535.0;
     unsigned int fps_y = 65535;
     if (y >= 1.0 && y < 65536.0) {
         fps_y = static_cast<unsigned int>(y);
