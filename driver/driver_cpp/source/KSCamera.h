@@ -141,6 +141,8 @@ class KSCamera : public KSCameraAbstract {
 
   private:
     int fetch_geometry();
+    // The camera's work arrays, created on first use; null when out of memory.
+    KSDisparityWork* disparity_work();
     int resolve_start_offset(uint16_t grid_width);
     bool drop_back_lit_frame(uint64_t small_pixels, uint32_t grid_pixels, uint16_t width,
                              uint16_t height, uint8_t* image);

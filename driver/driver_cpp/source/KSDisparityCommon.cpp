@@ -4,13 +4,23 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "driver/driver_cpp/source/KSCamera.h"
 
 namespace ks_disparity {
 
-uint8_t line_offset_flag = 1;
-float line_offset = 0.0f;
+std::atomic<uint8_t> line_offset_flag{1};
+std::atomic<float> line_offset{0.0f};
+
+Grid grid_for(uint16_t width, uint16_t height) {
+    Grid g;
+    g.factor = width > 640 ? 2 : 1;
+    g.width = static_cast<uint16_t>(width / g.factor);
+    g.height = static_cast<uint16_t>(height / g.factor);
+    g.pixels = static_cast<uint32_t>(g.width) * g.height;
+    return g;
+}
 
 Area inner_area(const Grid& g) {
     const int f = g.factor;
@@ -282,11 +292,15 @@ int KSCamera::fetch_geometry() {
     return 0;
 }
 
+KSDisparityWork* KSCamera::disparity_work() {
+    if (!m_disparity_work) m_disparity_work.reset(new (std::nothrow) KSDisparityWork);
+    return m_disparity_work.get();
+}
+
 int KSCamera::resolve_start_offset(uint16_t grid_width) {
     uint32_t rows = 0;
-    if (ks_disparity::line_offset_flag != 0) {
+    if (ks_disparity::line_offset_flag.exchange(0) != 0) {
         // Only the first call of the process applies the line offset.
-        ks_disparity::line_offset_flag = 0;
         float offset = 0.0f;
         if (get_line_offset(&offset) != 0) return -13;
         ks_disparity::line_offset = offset;

@@ -7,6 +7,7 @@
 #ifndef KS_DISPARITY_COMMON_H
 #define KS_DISPARITY_COMMON_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -66,8 +67,13 @@ uint32_t line_offset_rows(float line_offset);
 
 // Process-wide: 1 until the first dense/filter call of the process has read
 // the camera's line offset; that call clears it and applies the shift once.
-extern uint8_t line_offset_flag;
-extern float line_offset;
+// Atomic because cameras may process on threads of their own.
+extern std::atomic<uint8_t> line_offset_flag;
+extern std::atomic<float> line_offset;
+
+// The down-sampling geometry of a width x height map: factor 2 above 640
+// columns, else 1.
+Grid grid_for(uint16_t width, uint16_t height);
 
 // Fills the grid from the full-resolution map: border samples are 0; inner
 // sample (r, c) takes the first non-zero sample of the f x f block at row

@@ -2,9 +2,11 @@
 // directional interpolation and grey-guided averaging on the down-sampled
 // grid, written back over the whole map.
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "driver/driver_cpp/source/KSCamera.h"
 #include "driver/driver_cpp/source/KSDisparityCommon.h"
@@ -283,31 +285,24 @@ void guided_average(const ks_disparity::Grid& g, const ks_disparity::Area& a, KS
 
 int KSCamera::dense_disparity(uint16_t width, uint16_t height, uint16_t* disparity,
                               uint8_t* image) {
-    static uint8_t u8MultipleOfResolution = 1;
-    static uint16_t u16WidthOfDownSampling = 0;
-    static uint16_t u16HeightOfDownSampling = 0;
-    static uint32_t u32TotalPixelOfDownSampling = 0;
+    // The tolerance table is process-wide and built once, under a lock.
     static uint16_t u16Threshold[kToleranceEntries];
-    static uint8_t u8flag = 0;
+    static std::atomic<uint8_t> u8flag{0};
+    static std::mutex threshold_mutex;
 
     if (disparity == nullptr || image == nullptr) return -1;
     if (fetch_geometry() != 0) return -1;
 
-    // Above 640 columns the work runs at half resolution in both directions.
-    u8MultipleOfResolution = width > 640 ? 2 : 1;
-    u16WidthOfDownSampling = static_cast<uint16_t>(width / u8MultipleOfResolution);
-    u16HeightOfDownSampling = static_cast<uint16_t>(height / u8MultipleOfResolution);
-    u32TotalPixelOfDownSampling =
-        static_cast<uint32_t>(u16WidthOfDownSampling) * u16HeightOfDownSampling;
-    const ks_disparity::Grid g{u8MultipleOfResolution, u16WidthOfDownSampling,
-                               u16HeightOfDownSampling, u32TotalPixelOfDownSampling};
+    // The geometry is per call (not shared between cameras), so that cameras
+    // processing on threads of their own never see each other's sizes.
+    const ks_disparity::Grid g = ks_disparity::grid_for(width, height);
+    const uint16_t u16WidthOfDownSampling = g.width;
+    const uint32_t u32TotalPixelOfDownSampling = g.pixels;
     if (u32TotalPixelOfDownSampling == 0) return 0;
 
-    if (!m_disparity_work) {
-        m_disparity_work.reset(new (std::nothrow) KSDisparityWork);
-        if (!m_disparity_work) return -1;
-    }
-    KSDisparityWork& w = *m_disparity_work;
+    KSDisparityWork* work = disparity_work();
+    if (work == nullptr) return -1;
+    KSDisparityWork& w = *work;
     const size_t n = u32TotalPixelOfDownSampling;
     if (!w.grid.reserve(n) || !w.grey.reserve(n)) return -1;
     if (!w.label.reserve(n)) return -2;
@@ -346,11 +341,14 @@ int KSCamera::dense_disparity(uint16_t width, uint16_t height, uint16_t* dispari
         ks_disparity::keep_unique_matches(g, w);
     }
 
-    if (u8flag == 0) {
+    if (u8flag.load(std::memory_order_acquire) == 0) {
         // Built once per process, from the first camera's geometry.
-        if (!(m_bxf > 0.0f) || !std::isfinite(m_bxf)) m_bxf = kDefaultBxf;
-        build_tolerance_table(m_bxf, u16Threshold);
-        u8flag = 1;
+        std::lock_guard<std::mutex> lock(threshold_mutex);
+        if (u8flag.load(std::memory_order_relaxed) == 0) {
+            if (!(m_bxf > 0.0f) || !std::isfinite(m_bxf)) m_bxf = kDefaultBxf;
+            build_tolerance_table(m_bxf, u16Threshold);
+            u8flag.store(1, std::memory_order_release);
+        }
     }
 
     if (!dropped && !inner.empty()) {

@@ -38,29 +38,20 @@ int KSCamera::set_disparity_filter_max_and_min_distance(float max_distance, floa
 
 int KSCamera::filter_disparity(uint16_t width, uint16_t height, uint16_t* disparity,
                                uint8_t* image) {
-    static uint8_t u8MultipleOfResolution = 1;
-    static uint16_t u16WidthOfDownSampling = 0;
-    static uint16_t u16HeightOfDownSampling = 0;
-    static uint32_t u32TotalPixelOfDownSampling = 0;
-
     if (disparity == nullptr) return -1;
     if (fetch_geometry() != 0) return -1;
 
-    // Above 640 columns the work runs at half resolution in both directions.
-    u8MultipleOfResolution = width > 640 ? 2 : 1;
-    u16WidthOfDownSampling = static_cast<uint16_t>(width / u8MultipleOfResolution);
-    u16HeightOfDownSampling = static_cast<uint16_t>(height / u8MultipleOfResolution);
-    u32TotalPixelOfDownSampling =
-        static_cast<uint32_t>(u16WidthOfDownSampling) * u16HeightOfDownSampling;
-    const ks_disparity::Grid g{u8MultipleOfResolution, u16WidthOfDownSampling,
-                               u16HeightOfDownSampling, u32TotalPixelOfDownSampling};
+    // The geometry is per call (not shared between cameras), so that cameras
+    // processing on threads of their own never see each other's sizes.
+    const ks_disparity::Grid g = ks_disparity::grid_for(width, height);
+    const uint16_t u16WidthOfDownSampling = g.width;
+    const uint16_t u16HeightOfDownSampling = g.height;
+    const uint32_t u32TotalPixelOfDownSampling = g.pixels;
     if (u32TotalPixelOfDownSampling == 0) return 0;
 
-    if (!m_disparity_work) {
-        m_disparity_work.reset(new (std::nothrow) KSDisparityWork);
-        if (!m_disparity_work) return -1;
-    }
-    KSDisparityWork& w = *m_disparity_work;
+    KSDisparityWork* work = disparity_work();
+    if (work == nullptr) return -1;
+    KSDisparityWork& w = *work;
     const size_t n = u32TotalPixelOfDownSampling;
     if (!w.grid.reserve(n)) return -1;
     if (!w.label.reserve(n)) return -2;
