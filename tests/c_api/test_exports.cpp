@@ -3,26 +3,12 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <set>
 #include <string>
 
-namespace {
+#include "tests/support/exported_declarations.h"
 
-// Names of the functions a header declares with KS_API at the start of a line.
-std::set<std::string> exported_declarations(const std::string& header) {
-    std::ifstream in(header);
-    std::set<std::string> names;
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("KS_API ", 0) != 0) continue;
-        size_t paren = line.find('(');
-        if (paren == std::string::npos) continue;
-        size_t end = line.find_last_not_of(" ", paren - 1);
-        size_t begin = line.find_last_of(" *", end);
-        names.insert(line.substr(begin + 1, end - begin));
-    }
-    return names;
-}
+namespace {
 
 struct Library {
     Library() : handle(dlopen(KS_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {}

@@ -3,27 +3,10 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <set>
 #include <string>
 
-namespace {
-
-std::set<std::string> exported_declarations(const std::string& header) {
-    std::ifstream in(header);
-    std::set<std::string> names;
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("KS_API ", 0) != 0) continue;
-        const size_t paren = line.find('(');
-        if (paren == std::string::npos) continue;
-        const size_t end = line.find_last_not_of(' ', paren - 1);
-        const size_t begin = line.find_last_of(" *", end);
-        names.insert(line.substr(begin + 1, end - begin));
-    }
-    return names;
-}
-
-}  // namespace
+#include "tests/support/exported_declarations.h"
 
 TEST(ControlExports, DeclaredFunctionsAreExportedAndInternalsHidden) {
     void* lib = dlopen(KS_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL);

@@ -4,31 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <fstream>
 #include <set>
 #include <string>
 
 #include "ks_asic_iic_ctrl/source/ks_iic_application_layer.h"
+#include "tests/support/exported_declarations.h"
 
 extern "C" int ctrl_headers_c99(void);
-
-namespace {
-
-std::set<std::string> exported_declarations(const std::string& header) {
-    std::ifstream in(header);
-    std::set<std::string> names;
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("KS_API ", 0) != 0) continue;
-        const size_t paren = line.find('(');
-        if (paren == std::string::npos) continue;
-        const size_t end = line.find_last_not_of(' ', paren - 1);
-        const size_t begin = line.find_last_of(" *", end);
-        names.insert(line.substr(begin + 1, end - begin));
-    }
-    return names;
-}
-
-}  // namespace
 
 TEST(CtrlLayerExports, DeclaredFunctionsAndSharedDataAreExported) {
     void* lib = dlopen(KS_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL);
