@@ -238,7 +238,7 @@ int kssim_camera_plugged(kssim_camera* c) {
     return c != nullptr && live(c)->plugged() ? 1 : 0;
 }
 
-int kssim_camera_inject_fault(kssim_camera* c, const kssim_fault_spec* fault) {
+int kssim_camera_inject_fault(kssim_camera* c, const kssim_fault* fault) {
     return c == nullptr || fault == nullptr ? -1 : C(c)->inject_fault(*fault);
 }
 

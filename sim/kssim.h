@@ -289,16 +289,16 @@ typedef enum kssim_fault_kind {
 /* The value of KSSIM_FAULT_EEPROM_NO_STICK that limits it to one address. */
 #define KSSIM_EEPROM_ADDRESS(a) ((int32_t)(a) + 1)
 
-typedef struct kssim_fault_spec {
+typedef struct kssim_fault {
     kssim_fault_kind kind;
     uint32_t count;       /* frames or requests it lasts; 0: not limited by count */
     uint32_t duration_ms; /* virtual milliseconds it lasts; 0: not limited by time */
     int32_t value;        /* kind-specific value; 0: the kind's default */
-} kssim_fault_spec;
+} kssim_fault;
 
 /* Arms a fault (replacing one of the same kind). With count and duration both
  * 0 it lasts until cleared. 0, or -1 for an invalid fault. */
-int kssim_camera_inject_fault(kssim_camera* c, const kssim_fault_spec* fault);
+int kssim_camera_inject_fault(kssim_camera* c, const kssim_fault* fault);
 int kssim_camera_clear_fault(kssim_camera* c, kssim_fault_kind kind);
 /* 1 while the fault is armed, else 0. */
 int kssim_camera_fault_active(kssim_camera* c, kssim_fault_kind kind);

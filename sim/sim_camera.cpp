@@ -900,13 +900,13 @@ bool Camera::take_fault(kssim_fault_kind kind, int32_t* value) {
     return true;
 }
 
-int Camera::inject_fault(const kssim_fault_spec& in) {
+int Camera::inject_fault(const kssim_fault& in) {
     // The kind comes from a C caller: read it as a number before trusting it.
     int kind = 0;
     static_assert(sizeof(kind) == sizeof(in.kind), "enum size");
     std::memcpy(&kind, &in.kind, sizeof(kind));
     if (kind < 0 || kind >= KSSIM_FAULT_KIND_COUNT) return -1;
-    const kssim_fault_spec& armed = in;
+    const kssim_fault& armed = in;
     if (kind >= KSSIM_FAULT_XU_FAIL) {
         std::lock_guard<std::mutex> ctl(ctl_mu_);
         return xu_ != nullptr ? xu_->inject_fault(armed) : -1;

@@ -57,7 +57,7 @@ class ExtensionUnit {
     // The camera was plugged in again: power on afresh.
     virtual void plugged_in() {}
     // Faults of the control side (kinds from KSSIM_FAULT_XU_FAIL on).
-    virtual int inject_fault(const kssim_fault_spec&) { return -1; }
+    virtual int inject_fault(const kssim_fault&) { return -1; }
     virtual int clear_fault(kssim_fault_kind) { return -1; }
     virtual bool fault_active(kssim_fault_kind) { return false; }
 };
@@ -136,7 +136,7 @@ class Camera {
     int true_distance(uint32_t x, uint32_t y, double* mm);
 
     // ---- faults, plugging, statistics
-    int inject_fault(const kssim_fault_spec& armed);
+    int inject_fault(const kssim_fault& armed);
     int clear_fault(kssim_fault_kind kind);
     bool fault_active(kssim_fault_kind kind);
     int unplug();

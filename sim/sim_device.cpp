@@ -156,7 +156,7 @@ bool Device::take(kssim_fault_kind kind, int32_t* value) {
     return true;
 }
 
-int Device::inject_fault(const kssim_fault_spec& armed) {
+int Device::inject_fault(const kssim_fault& armed) {
     const int32_t v = armed.value;
     switch (armed.kind) {
         case KSSIM_FAULT_XU_FAIL:

@@ -66,7 +66,7 @@ class Device : public ExtensionUnit {
     // ---- ExtensionUnit
     int query(Camera& camera, struct uvc_xu_control_query& q) override;
     void plugged_in() override;
-    int inject_fault(const kssim_fault_spec& armed) override;
+    int inject_fault(const kssim_fault& armed) override;
     int clear_fault(kssim_fault_kind kind) override;
     bool fault_active(kssim_fault_kind kind) override;
 

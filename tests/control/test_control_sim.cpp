@@ -216,7 +216,7 @@ TEST_F(ControlSim, MultiSectorFlashWriteErasesAndProgramsInOrder) {
 
     // A refused erase ends the transfer at once and changes nothing.
     kssim_camera_traffic_clear(camera_);
-    kssim_fault_spec f = {KSSIM_FAULT_FLASH_WRITE_FAIL, 1, 0, 0};
+    kssim_fault f = {KSSIM_FAULT_FLASH_WRITE_FAIL, 1, 0, 0};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
     std::vector<unsigned char> other(2 * 4096, 0x11);
     EXPECT_EQ(kFail, ks_send_asic_epr_to_usb_flash(&ctrl_, 3, other.data(), 2 * 4096));
@@ -227,7 +227,7 @@ TEST_F(ControlSim, MultiSectorFlashWriteErasesAndProgramsInOrder) {
 
 TEST_F(ControlSim, VerifiedEepromWrite) {
     const uint8_t old = eeprom(0x3C20);
-    kssim_fault_spec never = {KSSIM_FAULT_EEPROM_NO_STICK, 0, 0, 0};
+    kssim_fault never = {KSSIM_FAULT_EEPROM_NO_STICK, 0, 0, 0};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &never));
     EXPECT_EQ(kFail, ks_eeprom_write(&ctrl_, 0x3C20, old ^ 0xFF));
     EXPECT_EQ(old, eeprom(0x3C20));
@@ -241,7 +241,7 @@ TEST_F(ControlSim, VerifiedEepromWrite) {
 
     ASSERT_EQ(0, kssim_camera_clear_fault(camera_, KSSIM_FAULT_EEPROM_NO_STICK));
     kssim_camera_traffic_clear(camera_);
-    kssim_fault_spec three = {KSSIM_FAULT_EEPROM_NO_STICK, 3, 0, 0};
+    kssim_fault three = {KSSIM_FAULT_EEPROM_NO_STICK, 3, 0, 0};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &three));
     EXPECT_EQ(0u, ks_eeprom_write(&ctrl_, 0x3C21, 0x6B));
     EXPECT_EQ(0x6B, eeprom(0x3C21));
@@ -268,20 +268,20 @@ TEST_F(ControlSim, RepliesThatAreNotTheAnswerAreSkippedOrRefused) {
     uint16_t v = 0;
     // Blocks without the reply flag or with a bad tag are skipped.
     for (kssim_fault_kind kind : {KSSIM_FAULT_REPLY_NO_FLAG, KSSIM_FAULT_REPLY_BAD_TAG}) {
-        kssim_fault_spec f = {kind, 3, 0, 0};
+        kssim_fault f = {kind, 3, 0, 0};
         ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
         EXPECT_EQ(0u, ks_fpga_read(&ctrl_, 0x1F, &v)) << kind;
         EXPECT_EQ(0x56, v);
     }
     // A bad checksum is not looked at.
-    kssim_fault_spec sum = {KSSIM_FAULT_REPLY_BAD_CHECKSUM, 1, 0, 0};
+    kssim_fault sum = {KSSIM_FAULT_REPLY_BAD_CHECKSUM, 1, 0, 0};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &sum));
     EXPECT_EQ(0u, ks_fpga_read(&ctrl_, 0x1F, &v));
     EXPECT_EQ(0x56, v);
     // A reply to another command or of another length is refused.
     for (kssim_fault_kind kind :
          {KSSIM_FAULT_REPLY_WRONG_COMMAND, KSSIM_FAULT_REPLY_WRONG_LENGTH}) {
-        kssim_fault_spec f = {kind, 1, 0, 0};
+        kssim_fault f = {kind, 1, 0, 0};
         ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
         v = 0xBEEF;
         EXPECT_EQ(kFail, ks_iic_read(&ctrl_, 0x1F, &v)) << kind;
@@ -289,10 +289,10 @@ TEST_F(ControlSim, RepliesThatAreNotTheAnswerAreSkippedOrRefused) {
         EXPECT_TRUE(mutex_free());
     }
     // Failing queries and devices that do not acknowledge.
-    kssim_fault_spec xu = {KSSIM_FAULT_XU_FAIL, 1, 0, 0};
+    kssim_fault xu = {KSSIM_FAULT_XU_FAIL, 1, 0, 0};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &xu));
     EXPECT_EQ(kFail, ks_iic_write(&ctrl_, 0x26, 1));
-    kssim_fault_spec nak = {KSSIM_FAULT_I2C_REFUSE_ASIC, 1, 0, 0};
+    kssim_fault nak = {KSSIM_FAULT_I2C_REFUSE_ASIC, 1, 0, 0};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &nak));
     EXPECT_EQ(kFail, ks_iic_read(&ctrl_, 0x1F, &v));
     EXPECT_TRUE(mutex_free());
@@ -301,7 +301,7 @@ TEST_F(ControlSim, RepliesThatAreNotTheAnswerAreSkippedOrRefused) {
 }
 
 TEST_F(ControlSim, ALengthBeyondTheDataBufferIsRejectedBeforeCopying) {
-    kssim_fault_spec f = {KSSIM_FAULT_REPLY_LONG_LENGTH, 1, 0, 0x200};
+    kssim_fault f = {KSSIM_FAULT_REPLY_LONG_LENGTH, 1, 0, 0x200};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
     uint16_t v = 0xBEEF;
     EXPECT_EQ(kFail, ks_iic_read(&ctrl_, 0x1F, &v));
@@ -316,7 +316,7 @@ TEST_F(ControlSim, ALengthBeyondTheDataBufferIsRejectedBeforeCopying) {
 }
 
 TEST_F(ControlSim, AControllerThatNeverRepliesIsGivenUpOnAfterFiveSeconds) {
-    kssim_fault_spec f = {KSSIM_FAULT_REPLY_NO_FLAG, 0, 0, 0};
+    kssim_fault f = {KSSIM_FAULT_REPLY_NO_FLAG, 0, 0, 0};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
     uint16_t v = 0;
     const uint64_t start = kssim_world_now_us(world_);
@@ -329,7 +329,7 @@ TEST_F(ControlSim, AControllerThatNeverRepliesIsGivenUpOnAfterFiveSeconds) {
 }
 
 TEST_F(ControlSim, StatusPollingGivesUpAfterSixtySeconds) {
-    kssim_fault_spec slow = {KSSIM_FAULT_SLOW_EEPROM_UPDATE, 1, 0, 90000};
+    kssim_fault slow = {KSSIM_FAULT_SLOW_EEPROM_UPDATE, 1, 0, 90000};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &slow));
     const uint64_t start = kssim_world_now_us(world_);
     EXPECT_EQ(0u, ks_select_eeprom_from_usb_flash(&ctrl_, 0));

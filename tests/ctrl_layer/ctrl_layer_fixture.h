@@ -22,7 +22,7 @@ namespace ctrltest {
 
 using Bytes = std::vector<uint8_t>;
 
-struct CameraSpec {
+struct CameraModel {
     kssim_sensor_model sensor = KSSIM_SENSOR_OV9281;
     const char* firmware = nullptr;  // null: the default (current) firmware
 };
@@ -41,12 +41,12 @@ class CtrlLayer : public simtest::SimTest {
 
     // Adds the camera and opens its control device; traffic recorded so far
     // is dropped.
-    void open_camera(const CameraSpec& spec = CameraSpec()) {
+    void open_camera(const CameraModel& camera_model = CameraModel()) {
         kssim_camera_config cfg;
         kssim_camera_config_init(&cfg);
-        cfg.sensor = spec.sensor;
-        if (spec.firmware != nullptr)
-            std::snprintf(cfg.firmware, sizeof(cfg.firmware), "%s", spec.firmware);
+        cfg.sensor = camera_model.sensor;
+        if (camera_model.firmware != nullptr)
+            std::snprintf(cfg.firmware, sizeof(cfg.firmware), "%s", camera_model.firmware);
         camera_ = kssim_world_add_camera(world_, &cfg);
         ASSERT_NE(nullptr, camera_);
         ctrl_.fd = -1;
@@ -83,7 +83,7 @@ class CtrlLayer : public simtest::SimTest {
         return s;
     }
     void fault(kssim_fault_kind kind, uint32_t count = 0, int32_t value = 0) {
-        kssim_fault_spec f{};
+        kssim_fault f{};
         f.kind = kind;
         f.count = count;
         f.value = value;

@@ -12,7 +12,7 @@
 #include "ctrl_layer_fixture.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_asic_control.h"
 
-using ctrltest::CameraSpec;
+using ctrltest::CameraModel;
 using ctrltest::CtrlLayer;
 using ctrltest::StdoutCapture;
 
@@ -339,9 +339,9 @@ TEST_F(CtrlLayer, PowerCycleOnTheCurrentFirmwareUsesTheResetState) {
 }
 
 TEST_F(CtrlLayer, PowerCycleOnThe1022FirmwareUsesGpio17) {
-    CameraSpec spec;
-    spec.firmware = "10225 build 7";  // only the first four characters count
-    open_camera(spec);
+    CameraModel camera_model;
+    camera_model.firmware = "10225 build 7";  // only the first four characters count
+    open_camera(camera_model);
     const uint32_t resets = state().reset_count;
     ASSERT_EQ(0, ks_camera_hardware_shutdown(&ctrl_));
     EXPECT_EQ(0, state().asic_powered);
@@ -369,7 +369,7 @@ TEST_F(CtrlLayer, PowerCycleOnThe1022FirmwareUsesGpio17) {
 TEST_F(CtrlLayer, BringUpStepFailuresCarryTheirCodes) {
     open_camera();
     // The ASIC-state command fails at the transport: the first step's code.
-    kssim_fault_spec f{};
+    kssim_fault f{};
     f.kind = KSSIM_FAULT_XU_FAIL;
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
     {

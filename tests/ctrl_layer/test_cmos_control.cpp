@@ -13,7 +13,7 @@
 #include "ks_asic_iic_ctrl/source/ks_iic_asic_control.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_cmos_control.h"
 
-using ctrltest::CameraSpec;
+using ctrltest::CameraModel;
 using ctrltest::CtrlLayer;
 using ctrltest::StdoutCapture;
 
@@ -25,9 +25,9 @@ constexpr uint32_t kAsic = 0xCC;
 class CmosControl : public CtrlLayer {
   protected:
     void open_sensor(kssim_sensor_model model) {
-        CameraSpec spec;
-        spec.sensor = model;
-        open_camera(spec);
+        CameraModel camera_model;
+        camera_model.sensor = model;
+        open_camera(camera_model);
     }
     uint8_t sensor(int which, uint32_t r) {
         return reg(which == 0 ? KSSIM_CHIP_SENSOR_A : KSSIM_CHIP_SENSOR_B, r);

@@ -19,7 +19,7 @@
 #include "ks_asic_iic_ctrl/source/ks_iic_image_transfer.h"
 
 using ctrltest::Bytes;
-using ctrltest::CameraSpec;
+using ctrltest::CameraModel;
 using ctrltest::CtrlLayer;
 using ctrltest::StdoutCapture;
 
@@ -190,9 +190,9 @@ TEST_F(ImageTransfer, EprUploadToAFlashSlotThenSelectionPowerCyclesIntoTheNewCon
 }
 
 TEST_F(ImageTransfer, SelectionOnThe1022FirmwarePowersThroughGpio17) {
-    CameraSpec spec;
-    spec.firmware = "1022-2019";
-    open_camera(spec);
+    CameraModel camera_model;
+    camera_model.firmware = "1022-2019";
+    open_camera(camera_model);
     const Bytes image = epr_image(320, 240, 20000.0, 40.0, 5);
     const std::string path = dir_.file("old.epr", image);
     {

@@ -14,7 +14,7 @@
 #include "ks_asic_iic_ctrl/source/ks_iic_application_layer.h"
 
 using ctrltest::Bytes;
-using ctrltest::CameraSpec;
+using ctrltest::CameraModel;
 using ctrltest::CtrlLayer;
 using ctrltest::StdoutCapture;
 

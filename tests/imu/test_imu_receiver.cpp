@@ -120,7 +120,7 @@ TEST_F(ImuReceiver, SkippedSamplesAreReported) {
     ASSERT_EQ(0, init_IMU_module(&imu_, &fd_));
     ASSERT_NE(nullptr, next_sample());
     v4l2test::LogCapture log(LOG_WARN);
-    kssim_fault_spec skip{KSSIM_FAULT_IMU_SKIP, 1, 0, 9000};
+    kssim_fault skip{KSSIM_FAULT_IMU_SKIP, 1, 0, 9000};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &skip));
     for (int i = 0; i < 40 && log.count("IMU SKIP DETECTED") == 0; ++i) next_sample();
     EXPECT_EQ(1, log.count("\tWARNING : IMU SKIP DETECTED\n"));

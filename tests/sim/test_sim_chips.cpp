@@ -27,8 +27,8 @@ class SimChips : public SimTest {
         return cam;
     }
     int inject(kssim_camera* cam, kssim_fault_kind kind, uint32_t count, int32_t value = 0) {
-        const kssim_fault_spec spec = {kind, count, 0, value};
-        return kssim_camera_inject_fault(cam, &spec);
+        const kssim_fault armed = {kind, count, 0, value};
+        return kssim_camera_inject_fault(cam, &armed);
     }
     uint8_t peek(kssim_camera* cam, kssim_chip chip, uint32_t reg) {
         uint8_t v = 0;

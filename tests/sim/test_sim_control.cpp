@@ -24,8 +24,8 @@ class SimControl : public SimTest {
         ASSERT_TRUE(xu_.open(kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE)));
     }
     int inject(kssim_fault_kind kind, uint32_t count, int32_t value = 0, uint32_t duration_ms = 0) {
-        const kssim_fault_spec spec = {kind, count, duration_ms, value};
-        return kssim_camera_inject_fault(cam_, &spec);
+        const kssim_fault armed = {kind, count, duration_ms, value};
+        return kssim_camera_inject_fault(cam_, &armed);
     }
     std::vector<kssim_message> traffic() {
         std::vector<kssim_message> out(kssim_camera_traffic_count(cam_));

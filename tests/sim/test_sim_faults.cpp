@@ -23,8 +23,8 @@ class SimFaults : public SimTest {
     }
     const char* node() { return kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE); }
     int inject(kssim_fault_kind kind, uint32_t count, uint32_t duration_ms = 0, int32_t value = 0) {
-        const kssim_fault_spec spec = {kind, count, duration_ms, value};
-        return kssim_camera_inject_fault(cam_, &spec);
+        const kssim_fault armed = {kind, count, duration_ms, value};
+        return kssim_camera_inject_fault(cam_, &armed);
     }
     void start(Capture& c) {
         ASSERT_TRUE(c.open(node()));
@@ -228,7 +228,7 @@ TEST_F(SimFaults, FormatAndCapabilityRequestsFailOrAnswerAnotherFormat) {
     ASSERT_EQ(0, kssim_camera_clear_fault(cam_, KSSIM_FAULT_QUERYCAP_FAIL));
     EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
 
-    const kssim_fault_spec bad = {static_cast<kssim_fault_kind>(KSSIM_FAULT_KIND_COUNT), 1, 0, 0};
+    const kssim_fault bad = {static_cast<kssim_fault_kind>(KSSIM_FAULT_KIND_COUNT), 1, 0, 0};
     EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, &bad));
     EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, nullptr));
 }

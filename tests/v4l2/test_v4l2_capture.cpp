@@ -44,7 +44,7 @@ class V4l2Capture : public simtest::SimTest {
         SimTest::TearDown();
     }
     void inject(kssim_fault_kind kind, uint32_t count, uint32_t duration_ms, int32_t value = 0) {
-        kssim_fault_spec fault{kind, count, duration_ms, value};
+        kssim_fault fault{kind, count, duration_ms, value};
         ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &fault));
     }
 

@@ -16,7 +16,7 @@ class V4l2Setup : public simtest::SimTest {
         return initY4l2DriverHandle(kssim_camera_node_path(camera, KSSIM_NODE_CAPTURE));
     }
     void inject(kssim_camera* camera, kssim_fault_kind kind, int32_t value = 0) {
-        kssim_fault_spec fault{kind, 0, 0, value};
+        kssim_fault fault{kind, 0, 0, value};
         ASSERT_EQ(0, kssim_camera_inject_fault(camera, &fault));
     }
 };
