@@ -296,14 +296,12 @@ int KSCamera::dense_disparity(uint16_t width, uint16_t height, uint16_t* dispari
     // The geometry is per call (not shared between cameras), so that cameras
     // processing on threads of their own never see each other's sizes.
     const ks_disparity::Grid g = ks_disparity::grid_for(width, height);
-    const uint16_t u16WidthOfDownSampling = g.width;
-    const uint32_t u32TotalPixelOfDownSampling = g.pixels;
-    if (u32TotalPixelOfDownSampling == 0) return 0;
+    if (g.pixels == 0) return 0;
 
     KSDisparityWork* work = disparity_work();
     if (work == nullptr) return -1;
     KSDisparityWork& w = *work;
-    const size_t n = u32TotalPixelOfDownSampling;
+    const size_t n = g.pixels;
     if (!w.grid.reserve(n) || !w.grey.reserve(n)) return -1;
     if (!w.label.reserve(n)) return -2;
     if (!w.region_size.reserve(n + 1)) return -3;
@@ -317,10 +315,10 @@ int KSCamera::dense_disparity(uint16_t width, uint16_t height, uint16_t* dispari
         --code;
     }
     if (!w.row_count.reserve(n) || !w.row_support.reserve(n) || !w.row_sum.reserve(n) ||
-        !w.snapshot.reserve(n) || !w.claimed.reserve(u16WidthOfDownSampling))
+        !w.snapshot.reserve(n) || !w.claimed.reserve(g.width))
         return -1;
 
-    if (resolve_start_offset(u16WidthOfDownSampling) != 0) return -13;
+    if (resolve_start_offset(g.width) != 0) return -13;
 
     ks_disparity::downsample(g, disparity, width, height, m_dense_start_offset, w.grid.data());
     ks_disparity::downsample_grey(g, image, width, w.grey.data());
@@ -330,8 +328,7 @@ int KSCamera::dense_disparity(uint16_t width, uint16_t height, uint16_t* dispari
     scanned.c0 = 27 / g.factor;  // the scan starts on the last border column
     const uint64_t small = ks_disparity::label_regions(g, scanned, w);
 
-    const bool dropped =
-        drop_back_lit_frame(small, u32TotalPixelOfDownSampling, width, height, image);
+    const bool dropped = drop_back_lit_frame(small, g.pixels, width, height, image);
     if (dropped) {
         m_dense_valid_flag = 0;
         ks_disparity::clear_grid(g, w.grid.data());

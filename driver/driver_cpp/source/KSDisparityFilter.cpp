@@ -44,29 +44,26 @@ int KSCamera::filter_disparity(uint16_t width, uint16_t height, uint16_t* dispar
     // The geometry is per call (not shared between cameras), so that cameras
     // processing on threads of their own never see each other's sizes.
     const ks_disparity::Grid g = ks_disparity::grid_for(width, height);
-    const uint16_t u16WidthOfDownSampling = g.width;
-    const uint16_t u16HeightOfDownSampling = g.height;
-    const uint32_t u32TotalPixelOfDownSampling = g.pixels;
-    if (u32TotalPixelOfDownSampling == 0) return 0;
+    if (g.pixels == 0) return 0;
 
     KSDisparityWork* work = disparity_work();
     if (work == nullptr) return -1;
     KSDisparityWork& w = *work;
-    const size_t n = u32TotalPixelOfDownSampling;
+    const size_t n = g.pixels;
     if (!w.grid.reserve(n)) return -1;
     if (!w.label.reserve(n)) return -2;
     if (!w.region_size.reserve(n + 1)) return -3;
     if (!w.parent.reserve(n + 1)) return -4;
-    if (!w.claimed.reserve(u16WidthOfDownSampling)) return -1;
+    if (!w.claimed.reserve(g.width)) return -1;
 
-    if (resolve_start_offset(u16WidthOfDownSampling) != 0) return -13;
+    if (resolve_start_offset(g.width) != 0) return -13;
 
     ks_disparity::downsample(g, disparity, width, height, m_dense_start_offset, w.grid.data());
 
-    const ks_disparity::Area whole{0, u16HeightOfDownSampling - 1, 0, u16WidthOfDownSampling - 1};
+    const ks_disparity::Area whole{0, g.height - 1, 0, g.width - 1};
     const uint64_t small = ks_disparity::label_regions(g, whole, w);
 
-    if (drop_back_lit_frame(small, u32TotalPixelOfDownSampling, width, height, image)) {
+    if (drop_back_lit_frame(small, g.pixels, width, height, image)) {
         ks_disparity::clear_grid(g, w.grid.data());
     } else {
         ks_disparity::clear_small_regions(g, whole, w);
