@@ -59,36 +59,6 @@ TEST_F(SimPipeline, Ov9281FrameLengthChangesTheDeliveredRate) {
     EXPECT_NEAR(28110.0 / 1874, measure(10), 0.3);
 }
 
-TEST_F(SimPipeline, Imx225TriggerDivisorAndSc132GroupHoldChangeTheDeliveredRate) {
-    kssim_camera* sony = add_camera([](kssim_camera_config& c) {
-        c.initial_size = {640, 480};
-        c.sensor = KSSIM_SENSOR_IMX225;
-    });
-    start(sony);
-    ASSERT_EQ(0, xu_.asic_write(0x63, 0x08));
-    ASSERT_EQ(0, xu_.asic_write(0x64, 0x98));  // 2200: 15 fps
-    EXPECT_NEAR(15.0, measure(10), 0.3);
-    cap_.close();
-    xu_.close();
-
-    kssim_camera* sc = add_camera([](kssim_camera_config& c) {
-        c.initial_size = {640, 480};
-        c.sensor = KSSIM_SENSOR_SC132GS;
-        c.fps = 10.0;
-        std::strcpy(c.serial, "SC0000002");
-    });
-    start(sc);
-    ASSERT_EQ(0, xu_.asic_write(0xF0, 3));
-    for (auto [r, v] : {std::pair<uint16_t, uint8_t>{0x3800, 0x00},
-                        {0x320E, 0x07},
-                        {0x320F, 0x80},
-                        {0x3228, 0x07},
-                        {0x3229, 0x7A},
-                        {0x3800, 0x60}})
-        ASSERT_EQ(0, xu_.sensor_write(r, v));
-    EXPECT_NEAR(20.0, measure(20), 0.4);
-}
-
 TEST_F(SimPipeline, FramesStopWhileTheAsicIsHeldOrTheSensorsStandBy) {
     kssim_camera* cam = add_camera([](kssim_camera_config& c) { c.initial_size = {640, 480}; });
     start(cam);
