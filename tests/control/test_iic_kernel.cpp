@@ -138,25 +138,9 @@ TEST_F(KernelTest, FailedReadsStoreZeroAndReturnTheProtocolError) {
 }
 
 TEST_F(KernelTest, VerifiedEepromWrite) {
-    // Never sticks: the first write and 10 re-writes, each read back.
-    fw_.eeprom_writes_dropped = 1000;
-    EXPECT_EQ(kFail, ks_eeprom_write(&ctrl_, 0x3C01, 0x5A));
-    EXPECT_EQ(11u, requests_to(0xA0).size());
-    EXPECT_EQ(11u, requests_to(0xA1).size());
-    for (const Request& w : requests_to(0xA0)) {
-        EXPECT_EQ(0x00A03C01u, w.parameter);
-        EXPECT_EQ(std::vector<uint8_t>({0x5A}), w.data);
-    }
-
-    // Sticks at the fourth write (three tries failed): success.
-    dev_.clear_requests();
-    fw_.eeprom_writes_dropped = 3;
-    EXPECT_EQ(0u, ks_eeprom_write(&ctrl_, 0x3C02, 0xA5));
-    EXPECT_EQ(4u, requests_to(0xA0).size());
-    EXPECT_EQ(0xA5, fw_.at(Device::kFd, 0xA0, 0x3C02));
-
+    // Never sticking and sticking after three tries are shown against the
+    // simulator; here, the edges of the retry loop.
     // Sticks at the very last re-write.
-    dev_.clear_requests();
     fw_.eeprom_writes_dropped = 10;
     EXPECT_EQ(0u, ks_eeprom_write(&ctrl_, 0x3C03, 0x11));
     EXPECT_EQ(11u, requests_to(0xA0).size());

@@ -303,28 +303,6 @@ TEST_F(ProtocolTest, NoSelectedDescriptorFailsAtTheFirstReceive) {
 
 // ---- commands ----------------------------------------------------------------
 
-TEST_F(ProtocolTest, RequestsCountIdsAndKeepWordsTheyDoNotSet) {
-    const uint32_t first = protocol_last_message_id() + 1;
-    dev_.respond([](const Request& r) {
-        Reply a = answer(r, {0x00});
-        a.parameter = 0xDEADBEEF;  // the slave's parameter word stays in the record
-        return one(a);
-    });
-    unsigned char status = 0;
-    ASSERT_EQ(0, protocol_get_status(&status));
-    ASSERT_EQ(0, protocol_get_status(&status));
-    const auto reqs = dev_.requests();
-    ASSERT_EQ(2u, reqs.size());
-    EXPECT_EQ(0x01020304u, reqs[0].tag);
-    EXPECT_EQ(first, reqs[0].id);
-    EXPECT_EQ(first + 1, reqs[1].id);
-    EXPECT_EQ(0u, reqs[1].timestamp);
-    EXPECT_EQ(11u, reqs[1].command);
-    EXPECT_EQ(0xDEADBEEFu, reqs[1].parameter);
-    EXPECT_EQ(0u, reqs[1].length);
-    EXPECT_EQ(0u, reqs[1].checksum);
-}
-
 TEST_F(ProtocolTest, VersionFlashAndSmallCommands) {
     // Version: 32 bytes exactly.
     std::vector<uint8_t> text(32, 0);
@@ -564,31 +542,12 @@ TEST_F(ProtocolTest, ReplyLoopEndsOnFailuresOversizeAndSilence) {
 
 // ---- multi-page flash ------------------------------------------------------------
 
-TEST_F(ProtocolTest, FlashWriteErasesThenProgramsEachSectorInOrder) {
+// The order of erases and pages is shown against the simulator; here, what
+// stops a transfer.
+TEST_F(ProtocolTest, FlashTransfersRefuseMisalignmentAndStopAtTheFirstFailure) {
     answer_with({});
-    std::vector<unsigned char> image(0x2000);
-    for (size_t i = 0; i < image.size(); ++i)
-        image[i] = static_cast<unsigned char>(i * 7 + i / 256);
-    ASSERT_EQ(0, protocol_write_flash_data(0x1000, image.data(), 0x2000));
-    auto reqs = dev_.requests();
-    ASSERT_EQ(34u, reqs.size());
-    for (int s = 0; s < 2; ++s) {
-        const Request& erase = reqs[s * 17];
-        EXPECT_EQ(4u, erase.command);
-        EXPECT_EQ(0x1000u + s * 0x1000u, erase.parameter);
-        for (int p = 0; p < 16; ++p) {
-            const Request& w = reqs[s * 17 + 1 + p];
-            const uint32_t addr = 0x1000u + s * 0x1000u + p * 0x100u;
-            EXPECT_EQ(3u, w.command);
-            EXPECT_EQ(addr, w.parameter);
-            EXPECT_EQ(std::vector<uint8_t>(image.begin() + (addr - 0x1000),
-                                           image.begin() + (addr - 0x1000) + 256),
-                      w.data);
-        }
-    }
-
+    std::vector<unsigned char> image(0x2000, 0x42);
     // Misaligned address or length: nothing sent. Empty: nothing to do.
-    dev_.clear_requests();
     EXPECT_EQ(-1, protocol_write_flash_data(0x1100, image.data(), 0x1000));
     EXPECT_EQ(-1, protocol_write_flash_data(0x1000, image.data(), 0x800));
     EXPECT_EQ(-1, protocol_read_flash_data(0x1100, image.data(), 0x1000));
@@ -604,22 +563,6 @@ TEST_F(ProtocolTest, FlashWriteErasesThenProgramsEachSectorInOrder) {
     });
     EXPECT_EQ(-1, protocol_write_flash_data(0x1000, image.data(), 0x2000));
     EXPECT_EQ(21u, dev_.requests().size());
-}
-
-TEST_F(ProtocolTest, FlashReadAssemblesPagesInAscendingOrder) {
-    dev_.respond([](const Request& r) {
-        return one(answer(r, std::vector<uint8_t>(256, static_cast<uint8_t>(r.parameter >> 8))));
-    });
-    std::vector<unsigned char> out(0x1000);
-    ASSERT_EQ(0, protocol_read_flash_data(0x65000, out.data(), 0x1000));
-    const auto reqs = dev_.requests();
-    ASSERT_EQ(16u, reqs.size());
-    for (int p = 0; p < 16; ++p) {
-        EXPECT_EQ(0x65000u + p * 0x100u, reqs[p].parameter);
-        EXPECT_EQ(static_cast<unsigned char>(0x50 + p), out[p * 256 + 17]);
-    }
-    dev_.fail_receives(1);
-    EXPECT_EQ(-1, protocol_read_flash_data(0x65000, out.data(), 0x1000));
 }
 
 // ---- diagnostic pair -------------------------------------------------------------
