@@ -14,8 +14,6 @@
 class BaseOnlyCamera : public StubTransportCamera {
   public:
     // The processing state, for the tests to look at.
-    float bxf_field() const { return m_bxf; }
-    float baseline_field() const { return m_baseline; }
     float focal_field() const { return m_focal; }
     const float* depth_table() const { return m_depth_table.data(); }
     const float* lateral_table() const { return m_lateral_table.data(); }

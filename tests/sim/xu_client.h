@@ -135,7 +135,6 @@ class Client {
         if (reply != nullptr) *reply = m;
         return 0;
     }
-    uint32_t last_id() const { return id_; }
 
     // ---- commands
     int version(std::string* text) {
@@ -205,17 +204,6 @@ class Client {
         *s = m.data[0];
         return 0;
     }
-    int imu(std::vector<std::array<uint8_t, 16>>* records) {
-        Message m;
-        if (int e = exchange(13, 0, {}, &m)) return e;
-        records->clear();
-        for (size_t i = 0; i + 16 <= m.data.size(); i += 16) {
-            std::array<uint8_t, 16> r;
-            std::memcpy(r.data(), m.data.data() + i, 16);
-            records->push_back(r);
-        }
-        return 0;
-    }
     int set_asic(uint8_t state) { return exchange(14, 0, {state}); }
     int reset_count(uint32_t* n) {
         Message m;
@@ -238,14 +226,6 @@ class Client {
     int fd_ = -1;
     uint32_t id_ = 0;
 };
-
-// Fields of a raw IMU record.
-inline int16_t imu16(const std::array<uint8_t, 16>& r, int offset) {
-    return static_cast<int16_t>(r[offset] | (r[offset + 1] << 8));
-}
-inline uint16_t imu_counter(const std::array<uint8_t, 16>& r) {
-    return static_cast<uint16_t>(r[14] | (r[15] << 8));
-}
 
 }  // namespace xutest
 
