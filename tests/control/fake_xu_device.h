@@ -1,16 +1,13 @@
-// A scripted extension unit behind the platform seam, for the control tests
-// that need no simulated camera: it answers UVCIOC_CTRL_QUERY on one
-// descriptor, records every block sent, and hands out reply blocks that a
-// test script builds with its own encoder (independent of the library's).
-// Its clock only moves when the library sleeps, queries the device or reads
-// the clock, so time-outs are reached deterministically and fast.
+// A scripted extension unit behind the platform seam for the protocol tests
+// the simulator cannot stage: it answers UVCIOC_CTRL_QUERY on one descriptor,
+// records every block sent and hands out reply blocks built by the test's own
+// encoder. Its clock moves only when queried, so time-outs come fast.
 #ifndef KS_TEST_FAKE_XU_DEVICE_H
 #define KS_TEST_FAKE_XU_DEVICE_H
 
 #include <errno.h>
 #include <linux/usb/video.h>
 #include <linux/uvcvideo.h>
-#include <pthread.h>
 
 #include <array>
 #include <atomic>
@@ -41,18 +38,14 @@ inline uint32_t get32(const uint8_t* p) {
 
 // A request as the device decodes it.
 struct Request {
-    uint32_t tag, id, timestamp, reserved, command, parameter, length, checksum;
+    uint32_t id, command, parameter, length, checksum;
     std::vector<uint8_t> data;
     Block raw;
-    int fd = -1;  // descriptor the request was sent on
 };
 
 inline Request decode(const Block& b) {
     Request r;
-    r.tag = get32(&b[0]);
     r.id = get32(&b[4]);
-    r.timestamp = get32(&b[8]);
-    r.reserved = get32(&b[12]);
     r.command = get32(&b[16]);
     r.parameter = get32(&b[20]);
     r.length = get32(&b[24]);
@@ -98,22 +91,17 @@ inline Reply answer(const Request& req, std::vector<uint8_t> data = {}) {
     return r;
 }
 
-// The device. One instance is installed at a time (the seam table holds
-// plain functions).
+// One instance is installed at a time (the seam table holds plain functions).
 class Device {
   public:
-    static constexpr int kFd = 917;   // "/dev/fake-xu"
-    static constexpr int kFd2 = 918;  // "/dev/fake-xu2", a second camera
+    static constexpr int kFd = 917;
     // Given a decoded request, the blocks the following GET_CUR queries return.
     using Responder = std::function<std::vector<Block>(const Request&)>;
 
     Device() {
         ops_ = *ks_platform_default_ops();
         ops_.ioctl = &Device::ioctl;
-        ops_.usleep = &Device::usleep;
         ops_.clock_gettime = &Device::clock_gettime;
-        ops_.open = &Device::open;
-        ops_.close = &Device::close;
         current() = this;
         ks_platform_install(&ops_);
     }
@@ -131,10 +119,6 @@ class Device {
     // GET_CUR queries (counted from now) that fail with EIO.
     void fail_receives(int n) { fail_receives_ = n; }
     void fail_sends(int n) { fail_sends_ = n; }
-    void set_len_bytes(uint8_t b0, uint8_t b1) {
-        len_[0] = b0;
-        len_[1] = b1;
-    }
 
     std::vector<Request> requests() {
         std::lock_guard<std::mutex> g(m_);
@@ -144,14 +128,6 @@ class Device {
         std::lock_guard<std::mutex> g(m_);
         requests_.clear();
     }
-    int receives() const { return receives_.load(); }
-    int64_t now_us() const { return now_us_.load(); }
-    std::vector<useconds_t> sleeps() {
-        std::lock_guard<std::mutex> g(m_);
-        return sleeps_;
-    }
-    // How many sleeps happened while the transport mutex was held.
-    int sleeps_under_mutex() const { return sleeps_under_mutex_.load(); }
     uvc_xu_control_query last_query() {
         std::lock_guard<std::mutex> g(m_);
         return last_query_;
@@ -163,36 +139,9 @@ class Device {
         return d;
     }
 
-    static int open(const char* path, int flags, mode_t mode) {
-        if (std::strcmp(path, "/dev/fake-xu") == 0) return kFd;
-        if (std::strcmp(path, "/dev/fake-xu2") == 0) return kFd2;
-        return ks_platform_default_ops()->open(path, flags, mode);
-    }
-    static int close(int fd) {
-        if (fd == kFd || fd == kFd2) return 0;
-        return ks_platform_default_ops()->close(fd);
-    }
-    static int usleep(useconds_t us) {
-        Device* d = current();
-        {
-            std::lock_guard<std::mutex> g(d->m_);
-            d->sleeps_.push_back(us);
-        }
-        if (!exchange_mutex_free()) d->sleeps_under_mutex_++;
-        d->now_us_ += us;
-        return 0;
-    }
-    // The exchange mutex is not recursive: a holder, the calling thread
-    // included, makes the probe fail.
-    static bool exchange_mutex_free() {
-        if (trylock_uvc_protocol_mutex() != 0) return false;
-        unlock_uvc_protocol_mutex();
-        return true;
-    }
-    // Reading the clock takes a little time too, so that a loop that polls
-    // nothing but the clock still sees it move.
+    // Each reading moves the clock, so a loop that polls only the clock ends.
     static int clock_gettime(clockid_t, struct timespec* ts) {
-        const int64_t t = current()->now_us_.fetch_add(10) + 10;
+        const int64_t t = current()->now_us_.fetch_add(1000) + 1000;
         ts->tv_sec = t / 1000000;
         ts->tv_nsec = (t % 1000000) * 1000;
         return 0;
@@ -200,8 +149,7 @@ class Device {
     static int ioctl(int fd, unsigned long request, void* arg) {
         Device* d = current();
         if (request != UVCIOC_CTRL_QUERY) return ks_platform_default_ops()->ioctl(fd, request, arg);
-        d->now_us_ += 100;
-        if (fd != kFd && fd != kFd2) {
+        if (fd != kFd) {
             errno = EBADF;
             return -1;
         }
@@ -215,8 +163,8 @@ class Device {
         switch (q->query) {
             case UVC_GET_LEN:
                 if (q->size != 2) break;
-                q->data[0] = d->len_[0];
-                q->data[1] = d->len_[1];
+                q->data[0] = 0x40;  // 320, little-endian
+                q->data[1] = 0x01;
                 return 0;
             case UVC_SET_CUR: {
                 if (q->size != 320) break;
@@ -228,7 +176,6 @@ class Device {
                 Block b;
                 std::memcpy(b.data(), q->data, 320);
                 Request r = decode(b);
-                r.fd = fd;
                 d->requests_.push_back(r);
                 d->pending_.clear();
                 if (d->responder_) {
@@ -238,7 +185,6 @@ class Device {
             }
             case UVC_GET_CUR: {
                 if (q->size != 320) break;
-                d->receives_++;
                 if (d->fail_receives_ > 0) {
                     --d->fail_receives_;
                     errno = EIO;
@@ -265,13 +211,9 @@ class Device {
     Responder responder_;
     std::deque<Block> pending_;
     std::vector<Request> requests_;
-    std::vector<useconds_t> sleeps_;
     std::atomic<int64_t> now_us_{1000000};
-    std::atomic<int> receives_{0};
     std::atomic<int> fail_receives_{0};
     std::atomic<int> fail_sends_{0};
-    std::atomic<int> sleeps_under_mutex_{0};
-    uint8_t len_[2] = {0x40, 0x01};
     uvc_xu_control_query last_query_{};
 };
 

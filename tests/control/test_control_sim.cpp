@@ -9,11 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "common/ks_log.h"
 #include "control_protocol/protocol_master.h"
 #include "control_protocol/uvc_protocol_master.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_application_layer.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_kernel.h"
 #include "sim_control_fixture.h"
+#include "tests/common/ks_test_helpers.h"
 
 using simctl::ControlSim;
 using simctl::Locked;
@@ -123,6 +125,43 @@ TEST_F(ControlSim, EepromUpdateFromFlashWaitsOutTheBusyController) {
     EXPECT_EQ(9, reqs[0].data[0]);
     EXPECT_EQ(11u, reqs.back().command);
     EXPECT_EQ(0, reqs.back().outcome);
+
+    // A refused update request is waited for and reported as 0 all the same.
+    kssim_fault f = {KSSIM_FAULT_REPLY_WRONG_COMMAND, 1, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+    kssim_camera_traffic_clear(camera_);
+    EXPECT_EQ(0u, ks_select_eeprom_from_usb_flash(&ctrl_, 9));
+    EXPECT_EQ(11u, requests().back().command);
+}
+
+TEST_F(ControlSim, OpenFailurePrintsAndTheResetCountFollowsTheSelection) {
+    _struct_ks_ctrl_device other = {};
+    other.fd = 55;
+    uint16_t v = 0;
+    {
+        ks_test::FdCapture out(1);
+        EXPECT_EQ(-1, ks_iic_init_dev(&other, "/nonexistent/video9"));
+        EXPECT_EQ(-1, ks_write_fpga_register(&ctrl_, 0x08, 1));
+        EXPECT_EQ(-1, ks_read_fpga_register(&ctrl_, 0x08, &v));
+        EXPECT_EQ(
+            "ERROR:IIC dev open failed\nErr No such file or directory\nDev name "
+            "/nonexistent/video9\nNone FPGA Module. Write Fpga Reg FailedNone FPGA Module. Read "
+            "Fpga Reg Failed",
+            out.text());
+    }
+    EXPECT_EQ(55, other.fd);
+    EXPECT_TRUE(requests().empty());
+
+    set_cur_uvc_fd(-1);
+    uint32_t count = 7;
+    EXPECT_EQ(kFail, ks_get_usb_nuvex_reset_cnt_kernel(&ctrl_, &count));
+    EXPECT_EQ(7u, count);
+    ASSERT_EQ(0u, ks_open_ctrl_device(&other, kssim_camera_node_path(camera_, KSSIM_NODE_CAPTURE)));
+    EXPECT_EQ(other.fd, get_cur_uvc_fd());
+    EXPECT_EQ(0u, ks_get_usb_nuvex_reset_cnt_kernel(&ctrl_, &count));
+    EXPECT_EQ(0u, ks_release_ctrl_device(&other));
+    EXPECT_EQ(-1, other.fd);
+    set_cur_uvc_fd(ctrl_.fd);
 }
 
 TEST_F(ControlSim, RequestsCarryTheProtocolsExactBytes) {
@@ -222,7 +261,14 @@ TEST_F(ControlSim, MultiSectorFlashWriteErasesAndProgramsInOrder) {
     EXPECT_EQ(kFail, ks_send_asic_epr_to_usb_flash(&ctrl_, 3, other.data(), 2 * 4096));
     EXPECT_EQ(1u, requests().size());
     EXPECT_EQ(image, flash(base, 3 * 4096));
-    EXPECT_TRUE(mutex_free());
+
+    // A size that is not whole sectors: nothing sent. The last slot's place.
+    kssim_camera_traffic_clear(camera_);
+    EXPECT_EQ(kFail, ks_send_asic_epr_to_usb_flash(&ctrl_, 0, image.data(), 3072));
+    EXPECT_EQ(kFail, ks_receive_asic_epr(&ctrl_, 0, back.data(), 3072));
+    EXPECT_TRUE(requests().empty());
+    ASSERT_EQ(0u, ks_send_asic_epr_to_usb_flash(&ctrl_, 255, image.data(), 4096));
+    EXPECT_EQ(0x164000u, requests()[0].parameter);
 }
 
 TEST_F(ControlSim, VerifiedEepromWrite) {
@@ -247,9 +293,33 @@ TEST_F(ControlSim, VerifiedEepromWrite) {
     EXPECT_EQ(0x6B, eeprom(0x3C21));
     EXPECT_EQ(4u, requests_to(0xA0).size());
     EXPECT_EQ(4u, requests_to(0xA1).size());
+
+    // Sticking at the last re-write still succeeds.
+    kssim_camera_traffic_clear(camera_);
+    kssim_fault ten = {KSSIM_FAULT_EEPROM_NO_STICK, 10, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &ten));
+    EXPECT_EQ(0u, ks_eeprom_write(&ctrl_, 0x3C22, 0x11));
+    EXPECT_EQ(11u, requests_to(0xA0).size());
+
+    // Only the read-back counts: a refused write of the byte already there
+    // passes, and a read-back that fails confirms nothing.
+    kssim_camera_traffic_clear(camera_);
+    kssim_fault once = {KSSIM_FAULT_I2C_REFUSE_EEPROM, 1, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &once));
+    EXPECT_EQ(0u, ks_eeprom_write(&ctrl_, 0x3C21, 0x6B));
+    EXPECT_EQ(1u, requests_to(0xA0).size());
+    kssim_camera_traffic_clear(camera_);
+    kssim_fault refuse = {KSSIM_FAULT_I2C_REFUSE_EEPROM, 0, 0, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &refuse));
+    EXPECT_EQ(kFail, ks_eeprom_write(&ctrl_, 0x3C23, 0xFF));
+    EXPECT_EQ(11u, requests_to(0xA0).size());
 }
 
-TEST_F(ControlSim, AsicAccessesArePacedOneMillisecondApart) {
+TEST_F(ControlSim, AsicAccessesAreMaskedAndPacedOneMillisecondApart) {
+    ASSERT_EQ(0u, ks_iic_write(&ctrl_, 0x10051, 0x17F));  // masked to 0x0051 and 0x7F
+    EXPECT_EQ(0x7F, reg(KSSIM_CHIP_ASIC, 0x51));
+    EXPECT_EQ(0x00CC0051u, requests_to(0xCC).at(0).parameter);
+    kssim_camera_traffic_clear(camera_);
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(0u, ks_iic_write(&ctrl_, 0x40 + i, i));
         uint16_t v = 0;
@@ -292,9 +362,19 @@ TEST_F(ControlSim, RepliesThatAreNotTheAnswerAreSkippedOrRefused) {
     kssim_fault xu = {KSSIM_FAULT_XU_FAIL, 1, 0, 0};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &xu));
     EXPECT_EQ(kFail, ks_iic_write(&ctrl_, 0x26, 1));
-    kssim_fault nak = {KSSIM_FAULT_I2C_REFUSE_ASIC, 1, 0, 0};
-    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &nak));
-    EXPECT_EQ(kFail, ks_iic_read(&ctrl_, 0x1F, &v));
+    // A refused read stores 0 and returns the protocol's error.
+    using Read = unsigned (*)(_struct_ks_ctrl_device*, unsigned, uint16_t*);
+    const std::pair<kssim_fault_kind, Read> refusals[] = {
+        {KSSIM_FAULT_I2C_REFUSE_ASIC, ks_iic_read},
+        {KSSIM_FAULT_I2C_REFUSE_EEPROM, ks_eeprom_read},
+        {KSSIM_FAULT_I2C_REFUSE_FPGA, ks_fpga_read}};
+    for (const auto& r : refusals) {
+        kssim_fault f = {r.first, 1, 0, 0};
+        ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+        v = 0xBEEF;
+        EXPECT_EQ(kFail, r.second(&ctrl_, 0x1F, &v)) << r.first;
+        EXPECT_EQ(0, v);
+    }
     EXPECT_TRUE(mutex_free());
     EXPECT_EQ(0u, ks_iic_read(&ctrl_, 0x1F, &v));
     EXPECT_EQ(0x34, v);
@@ -323,12 +403,18 @@ TEST_F(ControlSim, AControllerThatNeverRepliesIsGivenUpOnAfterFiveSeconds) {
     EXPECT_EQ(kFail, ks_fpga_read(&ctrl_, 0x1F, &v));
     EXPECT_GE(kssim_world_now_us(world_) - start, 5000000u);
     EXPECT_TRUE(mutex_free());
-    ASSERT_EQ(0, kssim_camera_clear_fault(camera_, KSSIM_FAULT_REPLY_NO_FLAG));
+    // One that answers after 4 s is waited for.
+    kssim_fault slow = {KSSIM_FAULT_REPLY_NO_FLAG, 0, 4000, 0};
+    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &slow));
+    v = 0;
     EXPECT_EQ(0u, ks_fpga_read(&ctrl_, 0x1F, &v));
     EXPECT_EQ(0x56, v);
 }
 
-TEST_F(ControlSim, StatusPollingGivesUpAfterSixtySeconds) {
+TEST_F(ControlSim, StatusPollingGivesUpAfterSixtySecondsAndLogsIt) {
+    ks_test::TempDir dir;
+    const std::string log = dir / "ctl.log";
+    ASSERT_EQ(0, ks_init_log(log.c_str()));
     kssim_fault slow = {KSSIM_FAULT_SLOW_EEPROM_UPDATE, 1, 0, 90000};
     ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &slow));
     const uint64_t start = kssim_world_now_us(world_);
@@ -336,8 +422,11 @@ TEST_F(ControlSim, StatusPollingGivesUpAfterSixtySeconds) {
     const uint64_t waited = kssim_world_now_us(world_) - start;
     EXPECT_GE(waited, 60000000u);
     EXPECT_LT(waited, 90000000u);  // still busy when it gave up
+    ks_destory_log();
     EXPECT_EQ(1, state().eeprom_busy);
-    EXPECT_TRUE(mutex_free());
+    EXPECT_NE(std::string::npos, ks_test::read_file(log).find(
+                                     "USB controller did not answer a status request "
+                                     "within 60 s after the EEPROM update from flash slot 0"));
 }
 
 TEST_F(ControlSim, HostileControllerNeverBreaksTheHost) {
