@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <cstring>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -38,7 +37,7 @@ inline uint32_t get32(const uint8_t* p) {
 
 // A request as the device decodes it.
 struct Request {
-    uint32_t id, command, parameter, length, checksum;
+    uint32_t id, command, parameter, length;
     std::vector<uint8_t> data;
     Block raw;
 };
@@ -49,7 +48,6 @@ inline Request decode(const Block& b) {
     r.command = get32(&b[16]);
     r.parameter = get32(&b[20]);
     r.length = get32(&b[24]);
-    r.checksum = get32(&b[28]);
     const uint32_t n = r.length <= 288 ? r.length : 288;
     r.data.assign(b.begin() + 32, b.begin() + 32 + n);
     r.raw = b;
@@ -61,7 +59,6 @@ struct Reply {
     uint32_t tag = 0x01020304;
     uint32_t id = 0;
     uint32_t command = 0;  // without the reply flag
-    bool reply_flag = true;
     uint32_t parameter = 0;
     std::vector<uint8_t> data;
     int64_t length = -1;    // length word; -1: data.size()
@@ -70,7 +67,7 @@ struct Reply {
         Block b{};
         put32(&b[0], tag);
         put32(&b[4], id);
-        put32(&b[16], command | (reply_flag ? 0x80000000u : 0u));
+        put32(&b[16], command | 0x80000000u);
         put32(&b[20], parameter);
         put32(&b[24],
               length < 0 ? static_cast<uint32_t>(data.size()) : static_cast<uint32_t>(length));
@@ -95,8 +92,6 @@ inline Reply answer(const Request& req, std::vector<uint8_t> data = {}) {
 class Device {
   public:
     static constexpr int kFd = 917;
-    // Given a decoded request, the blocks the following GET_CUR queries return.
-    using Responder = std::function<std::vector<Block>(const Request&)>;
 
     Device() {
         ops_ = *ks_platform_default_ops();
@@ -112,9 +107,11 @@ class Device {
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    void respond(Responder r) {
+    // From now on every request is answered with its own command and data.
+    void answer_with(std::vector<uint8_t> data) {
         std::lock_guard<std::mutex> g(m_);
-        responder_ = std::move(r);
+        reply_data_ = std::move(data);
+        answers_ = true;
     }
     // GET_CUR queries (counted from now) that fail with EIO.
     void fail_receives(int n) { fail_receives_ = n; }
@@ -178,9 +175,7 @@ class Device {
                 Request r = decode(b);
                 d->requests_.push_back(r);
                 d->pending_.clear();
-                if (d->responder_) {
-                    for (const Block& out : d->responder_(r)) d->pending_.push_back(out);
-                }
+                if (d->answers_) d->pending_.push_back(answer(r, d->reply_data_).encode());
                 return 0;
             }
             case UVC_GET_CUR: {
@@ -208,7 +203,8 @@ class Device {
 
     ks_platform_ops ops_;
     std::mutex m_;
-    Responder responder_;
+    std::vector<uint8_t> reply_data_;
+    bool answers_ = false;
     std::deque<Block> pending_;
     std::vector<Request> requests_;
     std::atomic<int64_t> now_us_{1000000};

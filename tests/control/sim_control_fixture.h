@@ -44,13 +44,6 @@ inline std::vector<kssim_message> traffic_of(kssim_camera* camera) {
     return out;
 }
 
-inline std::vector<kssim_message> requests_of(kssim_camera* camera) {
-    std::vector<kssim_message> out;
-    for (const kssim_message& m : traffic_of(camera))
-        if (m.direction == KSSIM_REQUEST) out.push_back(m);
-    return out;
-}
-
 class ControlSim : public simtest::SimTest {
   protected:
     void SetUp() override {
@@ -68,7 +61,6 @@ class ControlSim : public simtest::SimTest {
         simtest::SimTest::TearDown();
     }
 
-    bool mutex_free() { return exchange_mutex_free(); }
     uint8_t reg(kssim_chip chip, uint32_t r) {
         uint8_t v = 0;
         EXPECT_EQ(0, kssim_camera_register_read(camera_, chip, r, &v));
@@ -91,7 +83,12 @@ class ControlSim : public simtest::SimTest {
         return s;
     }
     std::vector<kssim_message> traffic() { return traffic_of(camera_); }
-    std::vector<kssim_message> requests() { return requests_of(camera_); }
+    std::vector<kssim_message> requests() {
+        std::vector<kssim_message> out;
+        for (const kssim_message& m : traffic_of(camera_))
+            if (m.direction == KSSIM_REQUEST) out.push_back(m);
+        return out;
+    }
     // I2C requests addressed to one device address.
     std::vector<kssim_message> requests_to(uint32_t dev) {
         std::vector<kssim_message> out;

@@ -7,7 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "ks_asic_iic_ctrl/source/ks_iic_kernel.h"
 #include "sim_control_fixture.h"
 
 namespace {
