@@ -1,6 +1,6 @@
-// Cameras for the host-processing tests: KSCamera with the operations a
-// transport must supply stubbed out, and one whose stereo constants,
-// resolution and offsets the test sets.
+// Cameras for the host-processing tests: KSCamera with the transport's
+// operations stubbed out, and one whose geometry, resolution and offsets the
+// test sets.
 #ifndef KS_TEST_PROCESSING_CAMERA_H
 #define KS_TEST_PROCESSING_CAMERA_H
 
@@ -9,11 +9,9 @@
 
 #include "tests/support/stub_camera.h"
 
-// Only the operations KSCamera leaves pure: every getter the processing
-// needs stays at KSCamera's "not supported" default.
+// Every getter the processing needs stays at KSCamera's "not supported".
 class BaseOnlyCamera : public StubTransportCamera {
   public:
-    // The processing state, for the tests to look at.
     float focal_field() const { return m_focal; }
     const float* depth_table() const { return m_depth_table.data(); }
     const float* lateral_table() const { return m_lateral_table.data(); }
@@ -22,68 +20,48 @@ class BaseOnlyCamera : public StubTransportCamera {
     float small_region_threshold() const { return m_small_region_ratio_threshold; }
     uint8_t dense_valid() const { return m_dense_valid_flag; }
     uint32_t dense_start_offset() const { return m_dense_start_offset; }
-    void set_image_size(uint16_t w, uint16_t h) {
-        m_image_width = w;
-        m_image_height = h;
-    }
+    void set_image_size(uint16_t w, uint16_t h) { m_image_width = w, m_image_height = h; }
 };
 
-// A camera whose geometry, resolution and offsets come from its fields;
-// each getter can be made to fail.
+// A non-zero *_result makes that getter or setter fail with it.
 class ProcessingCamera : public BaseOnlyCamera {
   public:
-    float bxf = 30000.0f;
-    float base = 60.0f;
-    uint16_t width = 640;
-    uint16_t height = 480;
-    float line_offset = 0.0f;
-    float disp_offset = 0.0f;
-    int bxf_result = 0;
-    int resolution_result = 0;
-    int line_get_result = 0;
-    int disp_get_result = 0;
-    int line_set_result = 0;
-    int disp_set_result = 0;
-    int bxf_calls = 0;
-    int line_get_calls = 0;
-    std::vector<float> line_set_calls;
-    std::vector<float> disp_set_calls;
+    float bxf = 30000.0f, base = 60.0f, line_offset = 0.0f, disp_offset = 0.0f;
+    uint16_t width = 640, height = 480;
+    int bxf_result = 0, resolution_result = 0, line_get_result = 0, disp_get_result = 0;
+    int line_set_result = 0, disp_set_result = 0, bxf_calls = 0, line_get_calls = 0;
+    std::vector<float> line_set_calls, disp_set_calls;
 
     int get_bxf_and_base(float* b, float* bl) override {
         ++bxf_calls;
-        if (bxf_result != 0) return bxf_result;
-        *b = bxf;
-        *bl = base;
-        return 0;
+        if (bxf_result == 0) *b = bxf, *bl = base;
+        return bxf_result;
     }
     int get_video_resolution(uint16_t* w, uint16_t* h) override {
-        if (resolution_result != 0) return resolution_result;
-        *w = width;
-        *h = height;
-        return 0;
+        if (resolution_result == 0) *w = width, *h = height;
+        return resolution_result;
     }
     int get_line_offset(float* v) override {
         ++line_get_calls;
-        if (line_get_result != 0) return line_get_result;
-        *v = line_offset;
-        return 0;
+        return get(line_get_result, line_offset, v);
     }
-    int get_disp_offset(float* v) override {
-        if (disp_get_result != 0) return disp_get_result;
-        *v = disp_offset;
-        return 0;
-    }
+    int get_disp_offset(float* v) override { return get(disp_get_result, disp_offset, v); }
     int set_line_offset(float v) override {
-        line_set_calls.push_back(v);
-        if (line_set_result != 0) return line_set_result;
-        line_offset = v;
-        return 0;
+        return set(line_set_result, line_set_calls, v, &line_offset);
     }
     int set_disp_offset(float v) override {
-        disp_set_calls.push_back(v);
-        if (disp_set_result != 0) return disp_set_result;
-        disp_offset = v;
-        return 0;
+        return set(disp_set_result, disp_set_calls, v, &disp_offset);
+    }
+
+  private:
+    static int get(int result, float value, float* out) {
+        if (result == 0) *out = value;
+        return result;
+    }
+    static int set(int result, std::vector<float>& calls, float v, float* field) {
+        calls.push_back(v);
+        if (result == 0) *field = v;
+        return result;
     }
 };
 

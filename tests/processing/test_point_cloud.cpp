@@ -1,4 +1,4 @@
-// Point cloud and rectangle statistics.
+// Point cloud and rectangle statistics on test-built maps.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -9,14 +9,9 @@
 
 namespace {
 
-constexpr float kFar = 4294967296.0f;
-
 ProcessingCamera* make_camera(uint16_t w, uint16_t h, float bxf = 30000.0f, float base = 60.0f) {
     auto* c = new ProcessingCamera;
-    c->width = w;
-    c->height = h;
-    c->bxf = bxf;
-    c->base = base;
+    c->width = w, c->height = h, c->bxf = bxf, c->base = base;
     return c;
 }
 
@@ -24,17 +19,25 @@ _ks_rect_distance_info_s rect(uint16_t x, uint16_t y, uint16_t w, uint16_t h,
                               std::vector<uint16_t>& map) {
     _ks_rect_distance_info_s info;
     std::memset(&info, 0xA5, sizeof info);  // outputs must all be written
-    info.x = x;
-    info.y = y;
-    info.width = w;
-    info.height = h;
+    info.x = x, info.y = y, info.width = w, info.height = h;
     info.disparity = map.data();
     return info;
 }
 
+// What a rectangle without any disparity reports: the start values.
+void expect_empty(const _ks_rect_distance_info_s& info) {
+    EXPECT_EQ(4095, info.min_disparity);
+    EXPECT_EQ(16, info.max_disparity);
+    EXPECT_EQ(0, info.mean_disparity);
+    EXPECT_EQ(0, info.median_disparity);
+    for (float v : {info.valid_ratio, info.min_distance, info.max_distance, info.mean_distance,
+                    info.median_distance, info.mean_point_distance, info.median_point_distance})
+        EXPECT_EQ(0.0f, v);
+}
+
 }  // namespace
 
-TEST(PointCloud, PointsArePackedWithSignsAndDistances) {
+TEST(PointCloud, PointsArePackedWithSignsAndBuffersFollowTheResolution) {
     std::unique_ptr<ProcessingCamera> cam(make_camera(8, 6, 50000.0f, 100.0f));
     std::vector<uint16_t> map(8 * 6, 0);
     map[1 * 8 + 2] = 32;    // above and left of the centre (4, 3)
@@ -44,41 +47,25 @@ TEST(PointCloud, PointsArePackedWithSignsAndDistances) {
     float *x = nullptr, *y = nullptr, *z = nullptr;
     ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(map.data(), &count, &x, &y, &z));
     ASSERT_EQ(3u, count);
-
-    // Row-major order; one pixel of disparity with bxf 50000 is 50000 away.
-    EXPECT_FLOAT_EQ(50000.0f, z[0]);
-    EXPECT_FLOAT_EQ(-2.0f * 100.0f, x[0]);  // 2 columns left: negative X
-    EXPECT_FLOAT_EQ(2.0f * 100.0f, y[0]);   // 2 rows up: positive Y
-    EXPECT_FLOAT_EQ(25000.0f, z[1]);
-    EXPECT_FLOAT_EQ(0.0f, x[1]);
-    EXPECT_FLOAT_EQ(0.0f, y[1]);
-    EXPECT_FLOAT_EQ(32.0f * 50000.0f / 5000.0f, z[2]);
-    EXPECT_FLOAT_EQ(3.0f * 32.0f * 100.0f / 5000.0f, x[2]);
-    EXPECT_FLOAT_EQ(-2.0f * 32.0f * 100.0f / 5000.0f, y[2]);
-    for (int i = 3; i < 48; ++i) {
-        EXPECT_EQ(0.0f, x[i]);
-        EXPECT_EQ(0.0f, y[i]);
-        EXPECT_EQ(0.0f, z[i]);
+    // Row-major order; one pixel of disparity with bxf 50000 is 50000 away;
+    // left of the centre is negative X, above it positive Y.
+    const float expected[3][3] = {{-200.0f, 200.0f, 50000.0f},
+                                  {0.0f, 0.0f, 25000.0f},
+                                  {3.0f * 3200.0f / 5000.0f, -2.0f * 3200.0f / 5000.0f, 320.0f}};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FLOAT_EQ(expected[i][0], x[i]) << i;
+        EXPECT_FLOAT_EQ(expected[i][1], y[i]) << i;
+        EXPECT_FLOAT_EQ(expected[i][2], z[i]) << i;
     }
+    for (int i = 3; i < 48; ++i) EXPECT_EQ(0.0f, std::fabs(x[i]) + std::fabs(y[i]) + z[i]) << i;
 
     // The buffers are reused, and an empty map leaves them all zero.
     std::vector<uint16_t> empty(8 * 6, 0);
     float *x2 = nullptr, *y2 = nullptr, *z2 = nullptr;
     ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(empty.data(), &count, &x2, &y2, &z2));
     EXPECT_EQ(0u, count);
-    EXPECT_EQ(x, x2);
-    EXPECT_EQ(y, y2);
-    EXPECT_EQ(z, z2);
-    for (int i = 0; i < 48; ++i) EXPECT_EQ(0.0f, x2[i] + y2[i] + z2[i]);
-}
-
-TEST(PointCloud, BuffersFollowALargerResolution) {
-    std::unique_ptr<ProcessingCamera> cam(make_camera(8, 6));
-    std::vector<uint16_t> small(8 * 6, 64);
-    uint32_t count = 0;
-    float *x = nullptr, *y = nullptr, *z = nullptr;
-    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(small.data(), &count, &x, &y, &z));
-    EXPECT_EQ(48u, count);
+    EXPECT_TRUE(x == x2 && y == y2 && z == z2);
+    for (int i = 0; i < 48; ++i) EXPECT_EQ(0.0f, std::fabs(x2[i]) + std::fabs(y2[i]) + z2[i]);
 
     // The stream's size grew: the buffers must hold the larger image.
     cam->set_image_size(33, 17);
@@ -86,9 +73,9 @@ TEST(PointCloud, BuffersFollowALargerResolution) {
     large[0] = 0;
     ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(large.data(), &count, &x, &y, &z));
     EXPECT_EQ(33u * 17u - 1u, count);
-    EXPECT_FLOAT_EQ(15000.0f, z[count - 1]);
-    EXPECT_FLOAT_EQ((32 - 16) * 30.0f, x[count - 1]);  // last column, 60 x 32 / 64 per pixel
-    EXPECT_FLOAT_EQ((8 - 16) * 30.0f, y[count - 1]);
+    EXPECT_FLOAT_EQ(25000.0f, z[count - 1]);
+    EXPECT_FLOAT_EQ((32 - 16) * 50.0f, x[count - 1]);  // last column, 100 x 32 / 64 per pixel
+    EXPECT_FLOAT_EQ((8 - 16) * 50.0f, y[count - 1]);
 }
 
 TEST(PointCloud, ArgumentsAndMissingEnvironmentAreReported) {
@@ -111,46 +98,30 @@ TEST(PointCloud, ArgumentsAndMissingEnvironmentAreReported) {
     EXPECT_EQ(-1, cam->calculate_rect_distance(nullptr));
     info.width = 0;
     EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
-    info.width = 2;
-    info.height = 0;
+    info.width = 2, info.height = 0;
     EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
-    info.height = 2;
-    info.disparity = nullptr;
+    info.height = 2, info.disparity = nullptr;
     EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
 }
 
-TEST(RectDistance, AllZeroRectangleKeepsTheStartValues) {
+TEST(RectDistance, AllZeroAndSingleValueRectangles) {
     std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
     std::vector<uint16_t> map(16 * 12, 0);
     _ks_rect_distance_info_s info = rect(2, 2, 5, 5, map);
     ASSERT_EQ(0, cam->calculate_rect_distance(&info));
-    EXPECT_EQ(4095, info.min_disparity);
-    EXPECT_EQ(16, info.max_disparity);
-    EXPECT_EQ(0, info.mean_disparity);
-    EXPECT_EQ(0, info.median_disparity);
-    EXPECT_EQ(0.0f, info.valid_ratio);
-    EXPECT_EQ(0.0f, info.min_distance);
-    EXPECT_EQ(0.0f, info.max_distance);
-    EXPECT_EQ(0.0f, info.mean_distance);
-    EXPECT_EQ(0.0f, info.median_distance);
-    EXPECT_EQ(0.0f, info.mean_point_distance);
-    EXPECT_EQ(0.0f, info.median_point_distance);
-}
+    expect_empty(info);
 
-TEST(RectDistance, SingleValueHasNoMedianBecauseTheWalkStopsAtTheMaximum) {
-    std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
-    std::vector<uint16_t> map(16 * 12, 100);
-    _ks_rect_distance_info_s info = rect(4, 3, 4, 4, map);
+    // One value only: no median, because the walk stops at the maximum.
+    std::fill(map.begin(), map.end(), 100);
+    info = rect(4, 3, 4, 4, map);
     ASSERT_EQ(0, cam->calculate_rect_distance(&info));
-    EXPECT_EQ(100, info.min_disparity);
-    EXPECT_EQ(100, info.max_disparity);
-    EXPECT_EQ(100, info.mean_disparity);
+    EXPECT_TRUE(info.min_disparity == 100 && info.max_disparity == 100 &&
+                info.mean_disparity == 100);
     EXPECT_EQ(0, info.median_disparity);
-    EXPECT_FLOAT_EQ(kFar, info.median_distance);
+    EXPECT_FLOAT_EQ(4294967296.0f, info.median_distance);
     EXPECT_FLOAT_EQ(1.0f, info.valid_ratio);
-    EXPECT_FLOAT_EQ(9600.0f, info.mean_distance);  // 32 x 30000 / 100
-    EXPECT_FLOAT_EQ(9600.0f, info.min_distance);
-    EXPECT_FLOAT_EQ(9600.0f, info.max_distance);
+    for (float d : {info.mean_distance, info.min_distance, info.max_distance})
+        EXPECT_FLOAT_EQ(9600.0f, d);  // 32 x 30000 / 100
 }
 
 TEST(RectDistance, StatisticsOverTheInclusiveRectangle) {
@@ -158,11 +129,10 @@ TEST(RectDistance, StatisticsOverTheInclusiveRectangle) {
     // and columns 2..6: 15 pixels.
     std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
     std::vector<uint16_t> map(16 * 12, 0);
-    const uint16_t values[] = {200, 200, 200, 300, 400, 400};
-    int k = 0;
-    for (int c = 2; c <= 6 && k < 6; ++c) map[2 * 16 + c] = values[k++];
-    map[4 * 16 + 6] = values[k++];  // last visited row and column
-    map[5 * 16 + 7] = 4000;         // outside: not visited
+    const uint16_t values[] = {200, 200, 200, 300, 400};
+    for (int c = 2; c <= 6; ++c) map[2 * 16 + c] = values[c - 2];
+    map[4 * 16 + 6] = 400;   // last visited row and column
+    map[5 * 16 + 7] = 4000;  // outside: not visited
     _ks_rect_distance_info_s info = rect(2, 2, 4, 2, map);
     ASSERT_EQ(0, cam->calculate_rect_distance(&info));
     EXPECT_EQ(200, info.min_disparity);
@@ -175,25 +145,19 @@ TEST(RectDistance, StatisticsOverTheInclusiveRectangle) {
     EXPECT_FLOAT_EQ(30000.0f * 32.0f / 283.0f, info.mean_distance);
     EXPECT_FLOAT_EQ(3200.0f, info.median_distance);
     // Centre (2 + 2, 2 + 1) against (8, 6): u = -4, v = -3 pixels.
-    const float d = 3200.0f;
-    const float px = -4.0f * d / 500.0f;
-    const float py = -3.0f * d / 500.0f;
-    EXPECT_FLOAT_EQ(std::sqrt(px * px + py * py + d * d), info.median_point_distance);
-    const float m = info.mean_distance;
-    EXPECT_FLOAT_EQ(std::sqrt((4.0f * m / 500.0f) * (4.0f * m / 500.0f) +
-                              (3.0f * m / 500.0f) * (3.0f * m / 500.0f) + m * m),
-                    info.mean_point_distance);
-}
+    auto point = [](float d) {
+        const float u = 4.0f * d / 500.0f, v = 3.0f * d / 500.0f;
+        return std::sqrt(u * u + v * v + d * d);
+    };
+    EXPECT_FLOAT_EQ(point(3200.0f), info.median_point_distance);
+    EXPECT_FLOAT_EQ(point(info.mean_distance), info.mean_point_distance);
 
-TEST(RectDistance, LargeDisparitiesAreCountedButNotBinned) {
-    std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
-    std::vector<uint16_t> map(16 * 12, 0);
+    // Disparities past the histogram are counted but not binned.
+    std::fill(map.begin(), map.end(), 0);
     map[0] = 12416;  // first value past the histogram
     map[1] = 65535;
-    map[2] = 5000;
-    map[16] = 5000;
-    map[17] = 5000;
-    _ks_rect_distance_info_s info = rect(0, 0, 3, 1, map);  // rows 0..1, columns 0..3
+    map[2] = map[16] = map[17] = 5000;
+    info = rect(0, 0, 3, 1, map);  // rows 0..1, columns 0..3
     ASSERT_EQ(0, cam->calculate_rect_distance(&info));
     EXPECT_EQ(4095, info.min_disparity);  // the start value is never beaten
     EXPECT_EQ(65535, info.max_disparity);
@@ -209,28 +173,15 @@ TEST(RectDistance, RectanglesAtAndPastTheImageEdgeReadOnlyTheImage) {
     // The map is exactly the image: any read past it is caught by ASan.
     std::unique_ptr<ProcessingCamera> cam(make_camera(13, 7));
     std::vector<uint16_t> map(13 * 7, 64);
-    _ks_rect_distance_info_s info = rect(10, 5, 3, 2, map);  // would visit 4 x 3
-    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
-    EXPECT_FLOAT_EQ(1.0f, info.valid_ratio);
-    EXPECT_EQ(64, info.mean_disparity);
-
-    info = rect(0, 0, 13, 7, map);  // the whole image and one more of each
-    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
-    EXPECT_FLOAT_EQ(1.0f, info.valid_ratio);
-
-    info = rect(60000, 3, 10, 1, map);  // starts outside: nothing visited
-    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
-    EXPECT_EQ(4095, info.min_disparity);
-    EXPECT_EQ(16, info.max_disparity);
-    EXPECT_EQ(0.0f, info.valid_ratio);
-
-    info = rect(0, 65530, 2, 10, map);  // y + height wraps
-    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
-    EXPECT_EQ(4095, info.min_disparity);
-    EXPECT_EQ(16, info.max_disparity);
-    EXPECT_EQ(0, info.mean_disparity);
-
-    info = rect(65535, 0, 65535, 65535, map);
-    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
-    EXPECT_EQ(0.0f, info.valid_ratio);
+    for (auto r : {rect(10, 5, 3, 2, map), rect(0, 0, 13, 7, map)}) {  // one more of each
+        ASSERT_EQ(0, cam->calculate_rect_distance(&r));
+        EXPECT_FLOAT_EQ(1.0f, r.valid_ratio);
+        EXPECT_EQ(64, r.mean_disparity);
+    }
+    // Starting outside, or with y + height wrapping: nothing is visited.
+    for (auto r : {rect(60000, 3, 10, 1, map), rect(0, 65530, 2, 10, map),
+                   rect(65535, 0, 65535, 65535, map)}) {
+        ASSERT_EQ(0, cam->calculate_rect_distance(&r));
+        expect_empty(r);
+    }
 }

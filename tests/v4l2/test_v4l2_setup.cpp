@@ -19,6 +19,10 @@ class V4l2Setup : public simtest::SimTest {
         kssim_fault fault{kind, 0, 0, value};
         ASSERT_EQ(0, kssim_camera_inject_fault(camera, &fault));
     }
+    static void close_handle(KsY4L2Cam* cam) {
+        releaseV4l2Stream(cam);
+        DestoryY4l2DriverHandle(cam);
+    }
 };
 
 }  // namespace
@@ -61,11 +65,9 @@ TEST_F(V4l2Setup, DefaultsNegotiateBgr24At1280x720WithEightBuffers) {
     EXPECT_EQ(0, releaseV4l2Stream(cam));
     EXPECT_EQ(-1, cam->fd.load());
     DestoryY4l2DriverHandle(cam);
-}
 
-TEST_F(V4l2Setup, MultiplanarWinsWhenBothBufferTypesAreOffered) {
-    KsY4L2Cam* cam =
-        open_handle(add_camera([](kssim_camera_config& c) { c.planes = KSSIM_PLANES_BOTH; }));
+    // Multi-planar wins when both buffer types are offered.
+    cam = open_handle(add_camera([](kssim_camera_config& c) { c.planes = KSSIM_PLANES_BOTH; }));
     ASSERT_NE(nullptr, cam);
     ASSERT_EQ(0, init_device(cam));
     EXPECT_EQ(9u, cam->buf_type);
@@ -73,8 +75,7 @@ TEST_F(V4l2Setup, MultiplanarWinsWhenBothBufferTypesAreOffered) {
     EXPECT_EQ(0, start_capturing(cam));
     EXPECT_EQ(0, stop_capturing(cam));
     uninit_device(cam);
-    releaseV4l2Stream(cam);
-    DestoryY4l2DriverHandle(cam);
+    close_handle(cam);
 }
 
 TEST_F(V4l2Setup, ExactlyEightBuffersAreRequired) {
@@ -95,8 +96,7 @@ TEST_F(V4l2Setup, ExactlyEightBuffersAreRequired) {
     EXPECT_EQ(-3, init_device(cam));
     EXPECT_EQ(std::string("Insufficient buffer memory on ") + cam->dev_name + "\n",
               testing::internal::GetCapturedStdout());
-    releaseV4l2Stream(cam);
-    DestoryY4l2DriverHandle(cam);
+    close_handle(cam);
 }
 
 TEST_F(V4l2Setup, FormatFailuresReturnTheirCodes) {
@@ -150,18 +150,13 @@ TEST_F(V4l2Setup, ReleaseOfAnOpenedHandleClosesItOnce) {
 
 TEST(V4l2Accessors, TimingFollowsTheFrameRateAndNullHandlesAreHarmless) {
     KsY4L2Cam cam{};
-    ASSERT_EQ(0, setV4l2StreamFPS(&cam, 20.0f));
-    EXPECT_EQ(45000, cam.wait_period.load());
-    EXPECT_EQ(0, cam.timeout_sec.load());
-    EXPECT_EQ(300000, cam.timeout_usec.load());
-    setV4l2StreamFPS(&cam, 5.0f);
-    EXPECT_EQ(180000, cam.wait_period.load());
-    EXPECT_EQ(1, cam.timeout_sec.load());
-    EXPECT_EQ(0, cam.timeout_usec.load());
-    setV4l2StreamFPS(&cam, 0.5f);
-    EXPECT_EQ(1800000, cam.wait_period.load());
-    EXPECT_EQ(10, cam.timeout_sec.load());
-    EXPECT_EQ(0, cam.timeout_usec.load());
+    const int timing[][4] = {{20, 45000, 0, 300000}, {5, 180000, 1, 0}, {0, 1800000, 10, 0}};
+    for (const auto& t : timing) {  // fps (0: one half), wait period, select time-out
+        ASSERT_EQ(0, setV4l2StreamFPS(&cam, t[0] == 0 ? 0.5f : float(t[0])));
+        EXPECT_EQ(t[1], cam.wait_period.load());
+        EXPECT_EQ(t[2], cam.timeout_sec.load());
+        EXPECT_EQ(t[3], cam.timeout_usec.load());
+    }
 
     v4l2test::LogCapture log(LOG_WARN);
     EXPECT_EQ(-1, setV4l2StreamFPS(nullptr, 20.0f));
@@ -174,19 +169,12 @@ TEST(V4l2Accessors, TimingFollowsTheFrameRateAndNullHandlesAreHarmless) {
     double fps = 1.0;
     EXPECT_EQ(-2, ksV4l2GetRealTimeFPS(nullptr, &fps));
     EXPECT_EQ(8, log.count("Empty stream handle\n"));
-
-    ksV4l2SetSearchRangeOffset(&cam, 3);
-    EXPECT_EQ(96, cam.range_offset.load());
-    EXPECT_EQ(3, ksV4l2GetRangeOffset(&cam));
-    ksV4l2SetDisparityOffset(&cam, -12);
-    EXPECT_EQ(-12, ksV4l2GetDisparityOffset(&cam));
 }
 
 TEST_F(V4l2Setup, BuffersShorterThanTheFrameAreDroppedNotRead) {
     // The camera adjusts an unsupported size to one it offers, so its buffers
-    // are smaller than the frame the handle expects.
-    // A gentle warp: under the thread sanitizer the camera must still make
-    // its frames within the capture thread's select time-out.
+    // are smaller than the frame the handle expects. A gentle warp: under the
+    // thread sanitizer frames must still come within the select time-out.
     ASSERT_EQ(0, kssim_world_set_warp(world_, 2.0));
     KsY4L2Cam* cam = open_handle(add_camera());
     ASSERT_NE(nullptr, cam);
@@ -198,8 +186,7 @@ TEST_F(V4l2Setup, BuffersShorterThanTheFrameAreDroppedNotRead) {
         ks_sys_usleep(20000);
     EXPECT_GE(log.count("Short frame buffer dropped: 2764800 of 6220800 bytes"), 3);
     EXPECT_EQ(-1, cam->frame_ring->latest.load());  // nothing reached the ring
-    releaseV4l2Stream(cam);
-    DestoryY4l2DriverHandle(cam);
+    close_handle(cam);
 }
 
 namespace {

@@ -2,8 +2,6 @@
 #ifndef KS_TEST_V4L2_UTIL_H
 #define KS_TEST_V4L2_UTIL_H
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <string>
 
@@ -11,8 +9,8 @@
 
 namespace v4l2test {
 
-// Collects what the logger writes while alive: level threshold `level`,
-// console quiet, file output into a temporary stream.
+// Collects what the logger writes while alive (threshold `level`) into a
+// temporary file.
 class LogCapture {
   public:
     explicit LogCapture(int level) : file_(tmpfile()) {
@@ -24,22 +22,19 @@ class LogCapture {
         log_set_level(LOG_ERROR);
         if (file_) fclose(file_);
     }
-    // Everything logged so far, each line without its date and time.
+    // Everything logged so far, each line without its "YYYY-mm-dd HH:MM:SS ".
     std::string text() {
         std::string all;
+        char line[1024];
         fflush(file_);
         rewind(file_);
-        char line[1024];
-        while (fgets(line, sizeof line, file_) != nullptr) {
-            std::string s(line);
-            // "YYYY-mm-dd HH:MM:SS " is 20 characters.
-            all += s.size() > 20 && s[4] == '-' ? s.substr(20) : s;
-        }
+        while (fgets(line, sizeof line, file_) != nullptr)
+            all += std::string(line).size() > 20 && line[4] == '-' ? line + 20 : line;
         fseek(file_, 0, SEEK_END);
         return all;
     }
     int count(const std::string& needle) {
-        std::string all = text();
+        const std::string all = text();
         int n = 0;
         for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + 1))
             ++n;

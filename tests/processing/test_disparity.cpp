@@ -1,0 +1,344 @@
+// dense_disparity, filter_disparity and back-light detection on test-built
+// maps and images.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <string>
+
+#include "disparity_maps.h"
+#include "driver/driver_cpp/source/KSDisparityCommon.h"
+#include "processing_camera.h"
+
+namespace {
+
+int dense(ProcessingCamera& cam, DisparityMaps& m) {
+    return cam.dense_disparity(m.width, m.height, m.input.data(), m.grey.data());
+}
+
+int filter(ProcessingCamera& cam, DisparityMaps& m) {
+    return cam.filter_disparity(m.width, m.height, m.input.data(), m.grey.data());
+}
+
+}  // namespace
+
+TEST(DenseDisparity, Width640RunsAtFullResolution641AtHalf) {
+    ProcessingCamera cam;
+    for (uint16_t w : {640, 641}) {
+        DisparityMaps m(w, 480);
+        m.block(40, 100, 20, 20, 1000);
+        m.put(45, 105, 1010);  // at half resolution: the lower right of its 2 x 2 block
+        ASSERT_EQ(0, dense(cam, m));
+        EXPECT_EQ(w == 640 ? 1010 : 1000, m.out(45, 105));
+        EXPECT_EQ(1000, m.out(45, 104));
+        if (w == 640) continue;
+        for (int r = 0; r < 480; r += 2)
+            for (int c = 0; c < 640; c += 2)
+                ASSERT_TRUE(m.all(r, c, 2, 2, m.out(r, c))) << r << ", " << c;
+    }
+}
+
+TEST(DenseDisparity, HolesAreInterpolatedWithinTheDistanceTolerance) {
+    // Regions above and below a 3-row gap, nothing beside it: only the
+    // vertical pair decides. The tolerance is 30 at small disparities
+    // (bxf 30000) and grows with the disparity (555 at 3000).
+    struct Case {
+        uint16_t above, below;
+        bool filled;
+    } cases[] = {{200, 229, true}, {200, 231, false}, {3000, 3500, true}, {3000, 3600, false}};
+    for (const Case& k : cases) {
+        ProcessingCamera cam;
+        DisparityMaps m(640, 480);
+        m.block(20, 100, 10, 30, k.above);
+        m.block(33, 100, 10, 30, k.below);
+        ASSERT_EQ(0, dense(cam, m));
+        ASSERT_TRUE(m.all(20, 100, 10, 30, k.above));
+        // Inverse-distance weights: row i of the gap is i + 1 rows from above.
+        for (int i = 0; i < 3 && k.filled; ++i)
+            EXPECT_EQ((k.above * (3 - i) + k.below * (i + 1)) / 4, m.out(30 + i, 110)) << k.above;
+        EXPECT_EQ(!k.filled, m.all(30, 104, 3, 22, 0)) << k.above << "/" << k.below;
+    }
+    // A hole inside one region: all four directions agree.
+    ProcessingCamera cam;
+    DisparityMaps m(640, 480);
+    m.block(20, 100, 20, 20, 1500);
+    m.block(28, 108, 4, 4, 0);
+    ASSERT_EQ(0, dense(cam, m));
+    EXPECT_TRUE(m.all(20, 100, 20, 20, 1500));
+}
+
+TEST(DenseDisparity, GreyEdgesStopTheGuidedAveraging) {
+    // Empty samples on the region's grey surface take its value; across a
+    // grey edge they stay empty.
+    for (bool edge : {false, true}) {
+        ProcessingCamera cam;
+        DisparityMaps m(640, 480, 128);
+        m.block(40, 100, 20, 20, 1000);
+        for (int r = 0; r < 480 && edge; ++r) std::fill_n(m.grey.begin() + r * 640 + 120, 520, 200);
+        ASSERT_EQ(0, dense(cam, m));
+        EXPECT_TRUE(m.all(40, 100, 20, 20, 1000));
+        EXPECT_TRUE(edge ? m.all(40, 120, 20, 10, 0) : m.all(45, 120, 10, 2, 1000));
+        EXPECT_TRUE(m.all(45, 125, 10, 5, 0));  // beyond the arms' reach
+    }
+}
+
+TEST(DenseDisparity, BackLitFrameIsClearedOnTheWholeGrid) {
+    ProcessingCamera cam;
+    DisparityMaps m(641, 481);  // half resolution, odd both ways
+    m.make_back_lit();
+    m.speckle_rows(2, 470, 2);
+    m.block(400, 100, 20, 20, 2000);
+    // The odd last column and row are not part of the grid: left as they were.
+    for (int r = 0; r < 481; ++r) m.input[size_t(r) * 641 + 640] = 77;
+    std::fill_n(m.input.begin() + 480 * 641, 640, 77);
+    ASSERT_EQ(0, dense(cam, m));
+    EXPECT_EQ(0, cam.dense_valid());
+    EXPECT_FLOAT_EQ(0.38f, cam.small_region_threshold());
+    EXPECT_TRUE(m.all(0, 0, 480, 640, 0) && m.all(0, 640, 481, 1, 77) && m.all(480, 0, 1, 640, 77));
+
+    // The next clean frame is trusted again and the threshold recovers.
+    DisparityMaps clean(641, 481);
+    clean.block(400, 100, 20, 20, 2000);
+    ASSERT_EQ(0, dense(cam, clean));
+    EXPECT_EQ(1, cam.dense_valid());
+    EXPECT_FLOAT_EQ(0.4f, cam.small_region_threshold());
+    EXPECT_EQ(2000, clean.out(410, 110));
+}
+
+TEST(DisparityFilter, RegionsOfAHundredSurviveNinetyNineAreCleared) {
+    ProcessingCamera cam;
+    DisparityMaps m(640, 480);
+    m.block(20, 100, 10, 10, 1000);  // 100 samples
+    m.block(50, 100, 10, 10, 1000);
+    m.put(59, 109, 0);  // 99 samples
+    m.block(80, 100, 10, 10, 1000);
+    m.put(85, 105, 1019);  // still one region: neighbours differ by at most 19
+    m.block(110, 100, 10, 10, 1000);
+    m.put(115, 105, 1020);  // 99 + 1: both cleared
+    ASSERT_EQ(0, filter(cam, m));
+    EXPECT_TRUE(m.all(20, 100, 10, 10, 1000));
+    EXPECT_TRUE(m.all(50, 100, 10, 10, 0));
+    EXPECT_EQ(1019, m.out(85, 105));
+    EXPECT_EQ(1000, m.out(80, 100));
+    EXPECT_TRUE(m.all(110, 100, 10, 10, 0));
+    EXPECT_EQ(200u, m.count_nonzero());
+
+    // Regions of 100 still count as small for the back-light decision: tiles
+    // (1000 / 1020: separate regions) over the inner area of a back-lit frame.
+    for (int tile : {10, 11}) {
+        ProcessingCamera other;
+        m = DisparityMaps(640, 480);
+        m.make_back_lit();
+        for (int r = 2; r + tile <= 472; r += tile)
+            for (int c = 28; c + tile <= 610; c += tile)
+                m.block(r, c, tile, tile, (((r / tile) + (c / tile)) & 1) ? 1000 : 1020);
+        ASSERT_EQ(0, filter(other, m));
+        EXPECT_TRUE(tile == 10 ? m.count_nonzero() == 0 : m.count_nonzero() > 200000u) << tile;
+        EXPECT_FLOAT_EQ(tile == 10 ? 0.38f : 0.4f, other.small_region_threshold()) << tile;
+    }
+}
+
+TEST(DisparityFilter, BackLightThresholdHasHysteresisAcrossFrames) {
+    // Share of samples in small regions: k rows of 583 isolated samples over
+    // a 640 x 480 grid; a 20 x 20 region shows whether a frame is kept.
+    const int share_389 = 205, share_450 = 237, share_300 = 158;  // rows of speckles
+    struct Step {
+        int rows;
+        bool back_lit, kept;
+        float threshold_after;
+    } steps[] = {
+        {share_389, true, true, 0.4f},    // under 0.4: kept
+        {share_450, false, true, 0.4f},   // many speckles, but not back-lit
+        {share_450, true, false, 0.38f},  // dropped: the threshold drops too
+        {share_389, true, false, 0.38f},  // now above the lowered threshold
+        {share_300, true, true, 0.4f},    // kept again: back to 0.4
+        {share_389, true, true, 0.4f},
+    };
+    ProcessingCamera cam;
+    int n = 0;
+    for (const Step& s : steps) {
+        DisparityMaps m(640, 480);
+        if (s.back_lit) m.make_back_lit();
+        m.speckle_rows(2, s.rows);
+        m.block(400, 100, 20, 20, 2000);
+        ASSERT_EQ(0, filter(cam, m));
+        // Kept frames lose their speckles only.
+        EXPECT_EQ(s.kept ? 400u : 0u, m.count_nonzero()) << "frame " << n;
+        EXPECT_EQ(s.kept, m.all(400, 100, 20, 20, 2000)) << "frame " << n;
+        EXPECT_FLOAT_EQ(s.threshold_after, cam.small_region_threshold()) << "frame " << n++;
+    }
+}
+
+TEST(DisparityFilter, OneMatchPerTargetColumnKeepsTheRightHandSample) {
+    ProcessingCamera cam;
+    DisparityMaps m(640, 480);
+    // Left region: 10 px (320) lands on columns c + 10; right region: 5 px
+    // (160) on c + 5. Columns 96..100 of the left one collide with 101..105.
+    m.block(10, 60, 20, 41, 320);
+    m.block(10, 101, 20, 40, 160);
+    // A sample whose target column falls off the row is cleared: 60 px from
+    // column 580 on.
+    m.block(40, 570, 10, 20, 32 * 60);
+    ASSERT_EQ(0, filter(cam, m));
+    EXPECT_TRUE(m.all(10, 101, 20, 40, 160));
+    EXPECT_TRUE(m.all(10, 96, 20, 5, 0));
+    EXPECT_TRUE(m.all(10, 60, 20, 36, 320));
+    EXPECT_TRUE(m.all(40, 570, 10, 10, 32 * 60));
+    EXPECT_TRUE(m.all(40, 580, 10, 10, 0));
+}
+
+TEST(DisparityFilter, ClashFlagRunsOnIntoTheRowAbove) {
+    // Rows 40..59 end on a clash; rows 20..39 hold C (160, columns 140..144
+    // -> 145..149) and D (320, columns 100..139 -> 110..149). In row 39 the
+    // carried clash keeps C's first sample from claiming column 149, so D's
+    // sample at column 139 survives there and nowhere else.
+    ProcessingCamera cam;
+    DisparityMaps m(640, 480);
+    m.block(40, 101, 20, 40, 160);
+    m.block(40, 96, 20, 5, 320);
+    m.block(20, 140, 20, 5, 160);
+    m.block(20, 100, 20, 40, 320);
+    DisparityMaps again = m;
+    ASSERT_EQ(0, filter(cam, m));
+    EXPECT_EQ(320, m.out(39, 139));
+    EXPECT_TRUE(m.all(20, 139, 19, 1, 0));
+    for (int r : {20, 38, 39}) {
+        EXPECT_TRUE(m.all(r, 135, 1, 4, 0)) << r;
+        EXPECT_EQ(320, m.out(r, 134)) << r;
+        EXPECT_TRUE(m.all(r, 140, 1, 5, 160)) << r;
+    }
+    EXPECT_TRUE(m.all(40, 96, 20, 5, 0));
+    // The flag starts afresh with every frame.
+    ASSERT_EQ(0, filter(cam, again));
+    EXPECT_EQ(m.input, again.input);
+}
+
+TEST(DisparityFilter, LimitsComeFromDistancesAndAreExclusive) {
+    ProcessingCamera cam;  // bxf 30000: limit = 32 x 30000 / distance
+    struct Case {
+        float max_mm, min_mm;
+        uint16_t min_limit, max_limit;
+    } cases[] = {{0, 0, 0, 16383},
+                 {3000, 50, 320, 16383},  // 19200, capped
+                 {0, 1000, 0, 960},
+                 {7000, 0, 137, 16383}};  // 137.14 truncated
+    for (const Case& k : cases) {
+        ASSERT_EQ(0, cam.set_disparity_filter_max_and_min_distance(k.max_mm, k.min_mm));
+        EXPECT_EQ(k.min_limit, cam.min_limit()) << k.max_mm << "/" << k.min_mm;
+        EXPECT_EQ(k.max_limit, cam.max_limit()) << k.max_mm << "/" << k.min_mm;
+    }
+
+    ASSERT_EQ(0, cam.set_disparity_filter_max_and_min_distance(3000.0f, 1000.0f));
+    DisparityMaps m(640, 480);
+    const uint16_t values[] = {320, 321, 959, 960};
+    for (int k = 0; k < 4; ++k) m.block(20 + 20 * k, 100, 10, 10, values[k]);
+    ASSERT_EQ(0, filter(cam, m));
+    EXPECT_TRUE(m.all(20, 100, 10, 10, 0));  // at the minimum: dropped
+    EXPECT_TRUE(m.all(40, 100, 10, 10, 321));
+    EXPECT_TRUE(m.all(60, 100, 10, 10, 959));
+    EXPECT_TRUE(m.all(80, 100, 10, 10, 0));  // at the maximum: dropped
+}
+
+TEST(DisparityProcessing, BadArgumentsAndMissingGeometryAreRefused) {
+    ProcessingCamera cam;
+    ASSERT_EQ(0, cam.set_disparity_filter_max_and_min_distance(3000.0f, 1000.0f));
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(-1, cam.set_disparity_filter_max_and_min_distance(1000.0f, 2000.0f));
+    EXPECT_EQ(-1, cam.set_disparity_filter_max_and_min_distance(-1.0f, 0.0f));
+    EXPECT_EQ(-1, cam.set_disparity_filter_max_and_min_distance(0.0f, -5.0f));
+    EXPECT_EQ(-1, cam.set_disparity_filter_max_and_min_distance(NAN, 0.0f));
+    const std::string line = "Negative number in parameters, which does not conform to rules\n";
+    EXPECT_EQ(line + line + line + line, ::testing::internal::GetCapturedStdout());
+    EXPECT_EQ(320, cam.min_limit());  // unchanged
+    EXPECT_EQ(960, cam.max_limit());
+
+    BaseOnlyCamera bare;
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(-1, bare.set_disparity_filter_max_and_min_distance(3000.0f, 1000.0f));
+    EXPECT_EQ("Get bxf and baseline failed\n", ::testing::internal::GetCapturedStdout());
+    EXPECT_EQ(16383, bare.max_limit());
+
+    DisparityMaps m(640, 480);
+    uint16_t* map = m.input.data();
+    uint8_t* grey = m.grey.data();
+    EXPECT_EQ(-1, bare.filter_disparity(640, 480, map, grey));
+    EXPECT_EQ(-1, bare.dense_disparity(640, 480, map, grey));
+    EXPECT_EQ(-1, cam.filter_disparity(640, 480, nullptr, grey));
+    EXPECT_EQ(-1, cam.dense_disparity(640, 480, nullptr, grey));
+    EXPECT_EQ(-1, cam.dense_disparity(640, 480, map, nullptr));
+    EXPECT_EQ(0, cam.dense_disparity(0, 480, map, grey));
+    EXPECT_EQ(0, cam.dense_disparity(1, 1, map, grey));
+}
+
+TEST(DisparityProcessing, UpwardLineOffsetsShiftByTheirMagnitudeRoundedUp) {
+    const std::pair<float, uint32_t> cases[] = {
+        {0.0f, 0},  {2.7f, 0},  {-0.0000005f, 0}, {-0.1f, 1},         {-1.0f, 1},
+        {-1.5f, 2}, {-2.3f, 3}, {-1e30f, 65535},  {-INFINITY, 65535}, {NAN, 0}};
+    for (const auto& k : cases)
+        EXPECT_EQ(k.second, ks_disparity::line_offset_rows(k.first)) << k.first;
+}
+
+// Random maps of odd and growing sizes through both operations on one
+// camera: the work arrays must follow the resolution, and nothing may be
+// read or written outside width x height (checked under ASan).
+TEST(DisparityProcessing, AnySizeStaysWithinTheMaps) {
+    const std::pair<uint16_t, uint16_t> sizes[] = {
+        {1, 1},     {2, 3},     {41, 41},   {57, 13},    {64, 9},     {100, 40},
+        {320, 240}, {639, 479}, {641, 481}, {1279, 719}, {1280, 720}, {1281, 3},
+        {643, 12},  {160, 120}, {4001, 23}, {65535, 2},  {2, 4000}};
+    std::mt19937 rng(11);
+    ProcessingCamera cam;
+    for (const auto& s : sizes) {
+        DisparityMaps m(s.first, s.second);
+        for (int op = 0; op < 2; ++op) {
+            for (size_t i = 0; i < m.input.size(); ++i) {
+                // Mostly smooth values with holes and outliers, all 16 bits.
+                const uint32_t r = rng();
+                m.input[i] = (r & 7) == 0    ? 0
+                             : (r & 63) == 1 ? static_cast<uint16_t>(r >> 16)
+                                             : static_cast<uint16_t>(800 + (i % 7));
+                m.grey[i] = static_cast<uint8_t>(r >> 8);
+            }
+            EXPECT_EQ(0, op == 0 ? dense(cam, m) : filter(cam, m))
+                << s.first << " x " << s.second << " op " << op;
+        }
+    }
+}
+
+TEST(BackLight, BlackUniformAndBrightBlockImages) {
+    BaseOnlyCamera cam;
+    const int w = 640, h = 480;  // blocks of 160 x 120, four to a block row
+    auto image = [&](int bright_blocks, uint8_t rest) {
+        std::vector<uint8_t> v(w * h, rest);
+        for (int b = 0; b < bright_blocks; ++b)
+            std::fill_n(v.begin() + (b / 4) * 120 * w + (b % 4) * 160, 160, 255);
+        return v;
+    };
+    EXPECT_FALSE(cam.KsBackLightingAdjust(w, h, image(0, 0).data()));
+    EXPECT_FALSE(cam.KsBackLightingAdjust(w, h, image(0, 128).data()));  // half passed at block 9
+    EXPECT_TRUE(cam.KsBackLightingAdjust(w, h, image(1, 0).data()));
+    // 6 x 255 against 10 x 120: the fifth block is short of half, the sixth
+    // passes it. 7 x 255 against 9 x 150: half is passed at the seventh.
+    EXPECT_TRUE(cam.KsBackLightingAdjust(w, h, image(6, 120).data()));
+    EXPECT_FALSE(cam.KsBackLightingAdjust(w, h, image(7, 150).data()));
+    // Only each block's first row is sampled: a bright area below it is not seen.
+    std::vector<uint8_t> below(w * h, 0);
+    std::fill(below.begin() + w, below.begin() + 120 * w, 255);
+    EXPECT_FALSE(cam.KsBackLightingAdjust(w, h, below.data()));
+
+    // Images under 40 x 40 (or none) are never back-lit.
+    std::vector<uint8_t> small(40 * 40, 0);
+    std::fill_n(small.begin(), 10, 255);
+    EXPECT_TRUE(cam.KsBackLightingAdjust(40, 40, small.data()));
+    EXPECT_FALSE(cam.KsBackLightingAdjust(39, 40, small.data()));
+    EXPECT_FALSE(cam.KsBackLightingAdjust(40, 39, small.data()));
+    EXPECT_FALSE(cam.KsBackLightingAdjust(640, 480, nullptr));
+
+    // Odd widths (41: five blocks to a block row, the fifth running on into
+    // the next image row) read nothing past the image (checked under ASan).
+    for (uint16_t ow : {41, 43, 57, 641})
+        for (uint16_t oh : {40, 43, 481})
+            EXPECT_FALSE(
+                cam.KsBackLightingAdjust(ow, oh, std::vector<uint8_t>(ow * oh, 200).data()))
+                << ow << " x " << oh;
+}
