@@ -47,10 +47,11 @@ class V4l2Capture : public simtest::SimTest {
         kssim_fault fault{kind, count, duration_ms, value};
         ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &fault));
     }
+    int next() { return ksY4L2GetNextSourceData(&frame_, &last_id_, cam_); }
     // Starts streaming and takes the first frame.
     void start() {
         ASSERT_EQ(0, initV4l2Stream(cam_));
-        ASSERT_EQ(0, ksY4L2GetNextSourceData(&frame_, &last_id_, cam_));
+        ASSERT_EQ(0, next());
     }
 
     kssim_camera* camera_ = nullptr;
@@ -72,8 +73,7 @@ TEST_F(V4l2Capture, StreamsFramesWhoseDisparityGivesTheScenesDistances) {
     uint64_t previous = 0;
     for (int i = 0; i < 200; ++i) {
         // Odd frames are taken as the safe copy, like frames held for long.
-        ASSERT_EQ(0, (i % 2 == 0) ? ksY4L2GetNextSourceData(&frame_, &last_id_, cam_)
-                                  : ksY4L2GetNextSafeSourceData(&frame_, &last_id_, cam_))
+        ASSERT_EQ(0, (i % 2 == 0) ? next() : ksY4L2GetNextSafeSourceData(&frame_, &last_id_, cam_))
             << "frame " << i;
         ASSERT_NE(nullptr, frame_);
         EXPECT_TRUE(i % 2 == 0 || frame_ == cam_->safe_frame);
@@ -122,7 +122,7 @@ TEST_F(V4l2Capture, FramesWithoutTheMarkerAreDroppedAndFrozenIdsTimeOut) {
 
     inject(KSSIM_FAULT_BAD_MARKER, 5, 0, 0x11);
     for (int i = 0; i < 12; ++i) {
-        ASSERT_EQ(0, ksY4L2GetNextSourceData(&frame_, &last_id_, cam_));
+        ASSERT_EQ(0, next());
         EXPECT_EQ(0xCE, frame_[0]);
     }
     EXPECT_GE(log.count("Rcved buf data 11 "), 1);
@@ -132,13 +132,12 @@ TEST_F(V4l2Capture, FramesWithoutTheMarkerAreDroppedAndFrozenIdsTimeOut) {
     inject(KSSIM_FAULT_FROZEN_FRAME_ID, 0, 0);
     testing::internal::CaptureStdout();
     int result = 0;
-    for (int i = 0; i < 20 && result == 0; ++i)
-        result = ksY4L2GetNextSourceData(&frame_, &last_id_, cam_);
+    for (int i = 0; i < 20 && result == 0; ++i) result = next();
     EXPECT_EQ(KS_FRAME_TIMEOUT, result);
     // 20 polls of 60 ms at 15 fps: 1 s in whole seconds.
     EXPECT_EQ("Wait Image TimeOut[1 s]\n", testing::internal::GetCapturedStdout());
     kssim_camera_clear_fault(camera_, KSSIM_FAULT_FROZEN_FRAME_ID);
-    EXPECT_EQ(0, ksY4L2GetNextSourceData(&frame_, &last_id_, cam_));
+    EXPECT_EQ(0, next());
 }
 
 namespace {
@@ -163,12 +162,10 @@ TEST_F(V4l2Capture, AStallReopensTheDeviceAndWaitingConsumersSeeTheReconnect) {
     testing::internal::CaptureStderr();
     inject(KSSIM_FAULT_STALL, 0, 1000);  // one virtual second without frames
     int result = 0;
-    for (int i = 0; i < 50 && result != KS_FRAME_RECONNECTING; ++i)
-        result = ksY4L2GetNextSourceData(&frame_, &last_id_, cam_);
+    for (int i = 0; i < 50 && result != KS_FRAME_RECONNECTING; ++i) result = next();
     EXPECT_EQ(KS_FRAME_RECONNECTING, result);
     // Frames flow again once the camera does.
-    for (int i = 0; i < 50 && result != 0; ++i)
-        result = ksY4L2GetNextSourceData(&frame_, &last_id_, cam_);
+    for (int i = 0; i < 50 && result != 0; ++i) result = next();
     EXPECT_EQ(0, result);
     EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("select timeout\n"));
     EXPECT_EQ(KS_STREAM_STREAMING, cam_->nStatus.load());
@@ -183,10 +180,9 @@ TEST_F(V4l2Capture, AnUnpluggedCameraEndsTheThreadAndReleaseOnlyFreesTheRing) {
     testing::internal::CaptureStdout();
     ASSERT_EQ(0, kssim_camera_unplug(camera_));
     // The thread notices at its next dequeue; consumers then time out.
-    for (int i = 0; i < 10 && cam_->nStatus.load() != KS_STREAM_LOST; ++i)
-        ksY4L2GetNextSourceData(&frame_, &last_id_, cam_);
+    for (int i = 0; i < 10 && cam_->nStatus.load() != KS_STREAM_LOST; ++i) next();
     EXPECT_EQ(KS_STREAM_LOST, cam_->nStatus.load());
-    EXPECT_EQ(KS_FRAME_TIMEOUT, ksY4L2GetNextSourceData(&frame_, &last_id_, cam_));
+    EXPECT_EQ(KS_FRAME_TIMEOUT, next());
     EXPECT_EQ(0, releaseV4l2Stream(cam_));
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_NE(std::string::npos, out.find("Device Connection Error!"));
@@ -199,8 +195,7 @@ TEST_F(V4l2Capture, AStreamRestartsOnTheSameHandleAfterARelease) {
     for (int round = 0; round < 2; ++round) {
         ASSERT_EQ(0, initV4l2Stream(cam_)) << round;
         last_id_ = 0;
-        for (int i = 0; i < 10; ++i)
-            ASSERT_EQ(0, ksY4L2GetNextSourceData(&frame_, &last_id_, cam_));
+        for (int i = 0; i < 10; ++i) ASSERT_EQ(0, next());
         double fps = 1;
         EXPECT_EQ(-1, ksV4l2GetRealTimeFPS(cam_, &fps));  // not yet 51 frames
         EXPECT_EQ(0.0, fps);

@@ -193,10 +193,7 @@ namespace {
 
 // A device whose dequeue hands back a buffer index that was never mapped.
 int bogus_index_ioctl(int fd, unsigned long request, void* arg) {
-    if (request == VIDIOC_DQBUF) {
-        static_cast<v4l2_buffer*>(arg)->index = 12;
-        return 0;
-    }
+    if (request == VIDIOC_DQBUF) static_cast<v4l2_buffer*>(arg)->index = 12;
     return 0;
 }
 
