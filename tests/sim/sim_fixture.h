@@ -18,13 +18,9 @@
 
 namespace simtest {
 
-inline int xioctl(int fd, unsigned long request, void* arg) {
-    return ks_sys_ioctl(fd, request, arg);
-}
-
 // ioctl result as 0 or the errno it failed with.
 inline int ioctl_errno(int fd, unsigned long request, void* arg) {
-    return xioctl(fd, request, arg) == 0 ? 0 : errno;
+    return ks_sys_ioctl(fd, request, arg) == 0 ? 0 : errno;
 }
 
 inline int64_t virtual_now_us() {
@@ -51,6 +47,21 @@ class SimTest : public ::testing::Test {
         if (tweak != nullptr) tweak(cfg);
         return kssim_world_add_camera(world_, &cfg);
     }
+    static int inject(kssim_camera* cam, kssim_fault_kind kind, uint32_t count, int32_t value = 0,
+                      uint32_t duration_ms = 0) {
+        const kssim_fault armed = {kind, count, duration_ms, value};
+        return kssim_camera_inject_fault(cam, &armed);
+    }
+    static kssim_device_state state(kssim_camera* cam) {
+        kssim_device_state s;
+        EXPECT_EQ(0, kssim_camera_device_state(cam, &s));
+        return s;
+    }
+    static kssim_camera_stats stats(kssim_camera* cam) {
+        kssim_camera_stats s;
+        EXPECT_EQ(0, kssim_camera_get_stats(cam, &s));
+        return s;
+    }
     kssim_world* world_ = nullptr;
 };
 
@@ -63,61 +74,48 @@ class Capture {
         fd_ = ks_sys_open(path, O_RDWR | (nonblock ? O_NONBLOCK : 0), 0);
         return fd_ >= 0;
     }
+    // Open, 640x480, eight buffers mapped and queued, streaming.
+    void start(const char* path) {
+        ASSERT_TRUE(open(path));
+        ASSERT_EQ(0, set_format(640, 480));
+        ASSERT_EQ(8, map_buffers(8));
+        ASSERT_EQ(0, queue_all());
+        ASSERT_EQ(0, stream_on());
+    }
     int fd() const { return fd_; }
-    uint32_t type() const { return type_; }
-    void set_type(uint32_t t) { type_ = t; }
 
     int set_format(uint32_t w, uint32_t h, v4l2_format* out = nullptr) {
-        v4l2_format f;
-        std::memset(&f, 0, sizeof(f));
+        v4l2_format f{};
         f.type = type_;
-        if (type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE) {
-            f.fmt.pix.width = w;
-            f.fmt.pix.height = h;
-            f.fmt.pix.pixelformat = V4L2_PIX_FMT_BGR24;
-            f.fmt.pix.field = V4L2_FIELD_INTERLACED;
-        } else {
-            f.fmt.pix_mp.width = w;
-            f.fmt.pix_mp.height = h;
-            f.fmt.pix_mp.pixelformat = V4L2_PIX_FMT_BGR24;
-            f.fmt.pix_mp.field = V4L2_FIELD_INTERLACED;
-        }
+        f.fmt.pix.width = w;
+        f.fmt.pix.height = h;
+        f.fmt.pix.pixelformat = V4L2_PIX_FMT_BGR24;
+        f.fmt.pix.field = V4L2_FIELD_INTERLACED;
         const int r = ioctl_errno(fd_, VIDIOC_S_FMT, &f);
-        if (r == 0) {
-            width_ = type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE ? f.fmt.pix.width : f.fmt.pix_mp.width;
-            height_ = type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE ? f.fmt.pix.height : f.fmt.pix_mp.height;
-        }
         if (out != nullptr) *out = f;
         return r;
     }
 
-    // REQBUFS + QUERYBUF + mmap of every granted buffer. Returns the count
-    // granted, or -errno.
+    // REQBUFS + QUERYBUF + mmap of every granted buffer: the count, or -errno.
     int map_buffers(uint32_t count) {
-        v4l2_requestbuffers req;
-        std::memset(&req, 0, sizeof(req));
+        v4l2_requestbuffers req{};
         req.count = count;
         req.type = type_;
         req.memory = V4L2_MEMORY_MMAP;
-        if (xioctl(fd_, VIDIOC_REQBUFS, &req) != 0) return -errno;
+        if (ks_sys_ioctl(fd_, VIDIOC_REQBUFS, &req) != 0) return -errno;
         for (uint32_t i = 0; i < req.count; ++i) {
-            v4l2_buffer b;
-            v4l2_plane planes[1];
-            prepare(b, planes, i);
-            if (xioctl(fd_, VIDIOC_QUERYBUF, &b) != 0) return -errno;
-            const uint32_t off = mplane() ? planes[0].m.mem_offset : b.m.offset;
-            const uint32_t len = mplane() ? planes[0].length : b.length;
-            void* p = ks_sys_mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, off);
+            v4l2_buffer b = buffer_info(i);
+            if (ks_sys_ioctl(fd_, VIDIOC_QUERYBUF, &b) != 0) return -errno;
+            void* p =
+                ks_sys_mmap(nullptr, b.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, b.m.offset);
             if (p == MAP_FAILED) return -errno;
-            maps_.push_back({static_cast<uint8_t*>(p), len});
+            maps_.push_back({static_cast<uint8_t*>(p), b.length});
         }
         return static_cast<int>(req.count);
     }
 
     int queue(uint32_t index) {
-        v4l2_buffer b;
-        v4l2_plane planes[1];
-        prepare(b, planes, index);
+        v4l2_buffer b = buffer_info(index);
         return ioctl_errno(fd_, VIDIOC_QBUF, &b);
     }
     int queue_all() {
@@ -125,45 +123,40 @@ class Capture {
             if (int r = queue(i)) return r;
         return 0;
     }
-    int stream_on() {
-        uint32_t t = type_;
-        return ioctl_errno(fd_, VIDIOC_STREAMON, &t);
-    }
-    int stream_off() {
-        uint32_t t = type_;
-        return ioctl_errno(fd_, VIDIOC_STREAMOFF, &t);
-    }
+    int stream_on() { return ioctl_errno(fd_, VIDIOC_STREAMON, &type_); }
+    int stream_off() { return ioctl_errno(fd_, VIDIOC_STREAMOFF, &type_); }
     int dequeue(v4l2_buffer& b) {
-        v4l2_plane planes[1];
-        prepare(b, planes, 0);
-        const int r = ioctl_errno(fd_, VIDIOC_DQBUF, &b);
-        if (r == 0 && mplane()) {
-            b.bytesused = planes[0].bytesused;
-            b.m.planes = nullptr;
-        }
-        return r;
+        b = buffer_info(0);
+        return ioctl_errno(fd_, VIDIOC_DQBUF, &b);
     }
-    // select until readable (virtual time-out), 1 readable, 0 time-out, -errno.
+    // select until readable (virtual time-out): 1 readable, 0 time-out, -errno.
     int wait(long timeout_ms) {
         fd_set rd;
         FD_ZERO(&rd);
         FD_SET(fd_, &rd);
-        struct timeval tv;
-        tv.tv_sec = timeout_ms / 1000;
-        tv.tv_usec = (timeout_ms % 1000) * 1000;
+        struct timeval tv = {timeout_ms / 1000, (timeout_ms % 1000) * 1000};
         const int r = ks_sys_select(fd_ + 1, &rd, nullptr, nullptr, &tv);
         return r < 0 ? -errno : r;
     }
-    // Waits, dequeues, copies the frame, re-queues. 0 or errno (ETIMEDOUT).
+    // Waits, dequeues, copies the frame, re-queues: 0 or errno (ETIMEDOUT).
     int next_frame(std::vector<uint8_t>& out, v4l2_buffer* info = nullptr, long timeout_ms = 2000) {
         const int w = wait(timeout_ms);
-        if (w == 0) return ETIMEDOUT;
-        if (w < 0) return -w;
+        if (w <= 0) return w == 0 ? ETIMEDOUT : -w;
         v4l2_buffer b;
         if (int r = dequeue(b)) return r;
         out.assign(maps_[b.index].first, maps_[b.index].first + b.bytesused);
         if (info != nullptr) *info = b;
         return queue(b.index);
+    }
+    // Frames per second of the buffers' timestamps over `frames` frames.
+    double measure_rate(int frames) {
+        std::vector<uint8_t> f;
+        v4l2_buffer first{}, last{};
+        EXPECT_EQ(0, next_frame(f, &first));
+        for (int i = 0; i < frames; ++i) EXPECT_EQ(0, next_frame(f, &last));
+        const int64_t us = (last.timestamp.tv_sec - first.timestamp.tv_sec) * 1000000 +
+                           (last.timestamp.tv_usec - first.timestamp.tv_usec);
+        return (last.sequence - first.sequence) * 1e6 / static_cast<double>(us);
     }
     void unmap() {
         for (auto& m : maps_) ks_sys_munmap(m.first, m.second);
@@ -175,25 +168,18 @@ class Capture {
         fd_ = -1;
     }
     uint8_t* buffer(uint32_t i) { return maps_[i].first; }
-    uint32_t width() const { return width_; }
-    uint32_t height() const { return height_; }
 
-  private:
-    bool mplane() const { return type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE; }
-    void prepare(v4l2_buffer& b, v4l2_plane* planes, uint32_t index) {
-        std::memset(&b, 0, sizeof(b));
-        b.type = type_;
+    static v4l2_buffer buffer_info(uint32_t index) {
+        v4l2_buffer b{};
+        b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         b.memory = V4L2_MEMORY_MMAP;
         b.index = index;
-        if (mplane()) {
-            std::memset(planes, 0, sizeof(*planes));
-            b.m.planes = planes;
-            b.length = 1;
-        }
+        return b;
     }
+
+  private:
     int fd_ = -1;
     uint32_t type_ = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    uint32_t width_ = 0, height_ = 0;
     std::vector<std::pair<uint8_t*, size_t>> maps_;
 };
 

@@ -1,8 +1,8 @@
 // The chips behind the controller, reached through the control channel: the
-// memories of a new camera, the ASIC's output channel and indices, and the
-// sensors' exposure and gain as seen in the frames. Trims, the sensor bridge,
-// frame-length formulas and the IMU FIFO are shown through the library's own
-// control-layer and IMU tests against the same simulator.
+// memories of a new camera, the ASIC's output channel and indices, the sensor
+// bridge and its counters, the sensors' exposure and gain as seen in the
+// frames, and the IMU's records.
+#include <algorithm>
 #include <cmath>
 
 #include "frame_decoder.h"
@@ -28,27 +28,16 @@ class SimChips : public SimTest {
         }
         return cam;
     }
-    int inject(kssim_camera* cam, kssim_fault_kind kind, uint32_t count, int32_t value = 0) {
-        const kssim_fault armed = {kind, count, 0, value};
-        return kssim_camera_inject_fault(cam, &armed);
-    }
     uint8_t asic(uint16_t reg) {
         uint8_t v = 0;
         EXPECT_EQ(0, xu_.asic_read(reg, &v)) << reg;
         return v;
     }
-    kssim_device_state state(kssim_camera* cam) {
-        kssim_device_state s;
-        EXPECT_EQ(0, kssim_camera_device_state(cam, &s));
-        return s;
-    }
     // Mean-luma statistic (S0) of the camera's next frame.
     uint32_t mean_luma_stat(kssim_camera* cam) {
         std::vector<uint8_t> f(640 * 480 * 3);
         EXPECT_GT(kssim_camera_produce_frame(cam, f.data(), f.size()), 0);
-        uint32_t s[5];
-        frame_test::Frame(f.data(), 640, 480).ae(s);
-        return s[0];
+        return frame_test::Frame(f.data(), 640, 480).ae(0);
     }
     Client xu_;
 };
@@ -62,59 +51,37 @@ TEST_F(SimChips, ANewCameraCarriesValidImagesDescriptorsAndItsSerialNumber) {
         c.sizes[2] = {320, 240};
         c.size_count = 3;
         c.initial_size = {1280, 720};
-        std::strcpy(c.serial, "KS2024ABCDEF0001");
+        std::strcpy(c.serial, "KS2024ABCDEF0001XYZ");  // 16 characters are kept
     });
     std::vector<uint8_t> e(KSSIM_EEPROM_SIZE);
     ASSERT_EQ(0, kssim_camera_eeprom_read(cam, 0, e.data(), e.size()));
     uint16_t w = 0, h = 0;
-    double bxf = 0, base = 0;
-    ASSERT_EQ(0, kssim_epr_check(e.data(), KSSIM_EPR_SIZE, &w, &h, &bxf, &base));
-    EXPECT_EQ(1280, w);
-    EXPECT_EQ(720, h);
-    EXPECT_DOUBLE_EQ(35000.0, bxf);
-    EXPECT_DOUBLE_EQ(50.0, base);
-
-    // Custom area: stream descriptors of slots 0..2, current slot 1, serial.
-    EXPECT_EQ(0xC5, e[0x3C2A]);
-    EXPECT_EQ(0x07, e[0x3C2B]);
-    const uint8_t rec0[6] = {0x01, 0xE0, 0x02, 0x80, 20, 25};
-    const uint8_t rec1[6] = {0x02, 0xD0, 0x05, 0x00, 20, 25};
-    const uint8_t rec2[6] = {0x00, 0xF0, 0x01, 0x40, 20, 25};
-    EXPECT_EQ(0, std::memcmp(&e[0x3C2C], rec0, 6));
-    EXPECT_EQ(0, std::memcmp(&e[0x3C32], rec1, 6));
-    EXPECT_EQ(0, std::memcmp(&e[0x3C38], rec2, 6));
-    EXPECT_EQ(1, e[0x3C5C]);
-    EXPECT_EQ(0xC4, e[0x3C18]);
-    EXPECT_EQ(16, e[0x3C19]);
+    ASSERT_EQ(0, kssim_epr_check(e.data(), KSSIM_EPR_SIZE, &w, &h, nullptr, nullptr));
+    EXPECT_EQ(1280 * 720, w * h);
+    // Custom area: stream descriptors of slots 0..2, current slot 1, serial;
+    // nothing else, and no EEPROM slot images.
+    const uint8_t recs[18] = {0x01, 0xE0, 0x02, 0x80, 20,   25,   0x02, 0xD0, 0x05,
+                              0x00, 20,   25,   0x00, 0xF0, 0x01, 0x40, 20,   25};
+    EXPECT_EQ(0, std::memcmp(&e[0x3C2C], recs, 18));
+    EXPECT_EQ((std::vector<uint8_t>{0xC4, 16}), std::vector<uint8_t>(&e[0x3C18], &e[0x3C1A]));
     EXPECT_EQ(0, std::memcmp(&e[0x3C1A], "KS2024ABCDEF0001", 16));
-    // Nothing else of the custom area, and no EEPROM slot images.
-    for (uint32_t a = 0x3C00; a < 0x3CB8; ++a) {
-        const bool set = (a >= 0x3C18 && a < 0x3C3E) || a == 0x3C5C;
-        if (!set) {
-            EXPECT_EQ(0xFF, e[a]) << std::hex << a;
+    EXPECT_EQ((std::vector<uint8_t>{0xC5, 0x07}), std::vector<uint8_t>(&e[0x3C2A], &e[0x3C2C]));
+    EXPECT_EQ(1, e[0x3C5C]);
+    for (uint32_t a = 3072; a < 0x3CB8; ++a) {
+        if ((a < 0x3C18 || a >= 0x3C3E) && a != 0x3C5C) {
+            ASSERT_EQ(0xFF, e[a]) << std::hex << a;
         }
     }
-    for (uint32_t a = 3072; a < 0x3C00; ++a) ASSERT_EQ(0xFF, e[a]) << a;
-
-    // Flash slots 0..2 hold the images of the three sizes.
+    // Flash slots 0..2 hold the images of the three sizes, slot 3 none.
+    const int pixels[4] = {640 * 480, 1280 * 720, 320 * 240, 0};
     std::vector<uint8_t> img(4096);
-    const uint16_t sizes[3][2] = {{640, 480}, {1280, 720}, {320, 240}};
-    for (uint32_t n = 0; n < 3; ++n) {
+    for (uint32_t n = 0; n < 4; ++n) {
         ASSERT_EQ(0, kssim_camera_flash_read(cam, (n + 101) * 4096, img.data(), img.size()));
-        ASSERT_EQ(0, kssim_epr_check(img.data(), img.size(), &w, &h, nullptr, nullptr));
-        EXPECT_EQ(sizes[n][0], w);
-        EXPECT_EQ(sizes[n][1], h);
+        w = h = 0;
+        EXPECT_EQ(n < 3 ? 0 : -1,
+                  kssim_epr_check(img.data(), img.size(), &w, &h, nullptr, nullptr));
+        EXPECT_EQ(pixels[n], w * h);
     }
-    ASSERT_EQ(0, kssim_camera_flash_read(cam, 104 * 4096, img.data(), img.size()));
-    EXPECT_EQ(-1, kssim_epr_check(img.data(), img.size(), nullptr, nullptr, nullptr, nullptr));
-
-    // Serial numbers longer than 16 characters keep their first 16.
-    kssim_camera* other =
-        add_camera([](kssim_camera_config& c) { std::strcpy(c.serial, "ABCDEFGHIJKLMNOPQRSTUV"); });
-    uint8_t sn[18];
-    ASSERT_EQ(0, kssim_camera_eeprom_read(other, 0x3C18, sn, sizeof(sn)));
-    EXPECT_EQ(16, sn[1]);
-    EXPECT_EQ(0, std::memcmp(sn + 2, "ABCDEFGHIJKLMNOP", 16));
 }
 
 TEST_F(SimChips, OutputChannelRegisterDrivesTheCaptureNode) {
@@ -199,4 +166,62 @@ TEST_F(SimChips, ExposureAndGainChangeTheBrightnessAndItsStatistics) {
     // AE on again: the automatic level whatever the settings.
     ASSERT_EQ(0, xu_.fpga_write(0x20, 0x10));
     EXPECT_EQ(automatic, mean_luma_stat(cam));
+}
+
+TEST_F(SimChips, SensorWritesThroughTheBridgeAdvanceBothCounters) {
+    kssim_camera* cam = open();
+    auto sensor = [&](kssim_chip chip, uint32_t reg) {
+        uint8_t v = 0;
+        EXPECT_EQ(0, kssim_camera_register_read(cam, chip, reg, &v));
+        return v;
+    };
+    ASSERT_EQ(0, xu_.sensor_write(0x3509, 0x20));  // access not opened: goes nowhere
+    EXPECT_EQ(0x10, sensor(KSSIM_CHIP_SENSOR_A, 0x3509));
+    ASSERT_EQ(0, xu_.asic_write(0xF0, 3));
+    EXPECT_EQ(0xEA, asic(0xF0));  // reads stay the EPR status
+    ASSERT_EQ(0, xu_.sensor_write(0x3509, 0x20));
+    EXPECT_EQ(0x10, asic(0xF1));  // counter of A 1, status 0
+    EXPECT_EQ(0x10, asic(0xF6));  // counter of B
+    EXPECT_EQ(0x20, sensor(KSSIM_CHIP_SENSOR_A, 0x3509));
+    EXPECT_EQ(0x20, sensor(KSSIM_CHIP_SENSOR_B, 0x3509));
+    for (int i = 0; i < 15; ++i) ASSERT_EQ(0, xu_.sensor_write(0x4001, static_cast<uint8_t>(i)));
+    EXPECT_EQ(0x00, asic(0xF1));  // four bits wide
+    EXPECT_EQ(0x00, asic(0xF6));
+    // Frozen counter of sensor A for one command: A ignores it.
+    ASSERT_EQ(0, inject(cam, KSSIM_FAULT_SENSOR_COUNTER_FROZEN, 1, 1));
+    ASSERT_EQ(0, xu_.sensor_write(0x4002, 0xAB));
+    EXPECT_EQ(0x00, asic(0xF1));
+    EXPECT_EQ(0x10, asic(0xF6));
+    EXPECT_EQ(0x00, sensor(KSSIM_CHIP_SENSOR_A, 0x4002));
+    EXPECT_EQ(0xAB, sensor(KSSIM_CHIP_SENSOR_B, 0x4002));
+}
+
+TEST_F(SimChips, ImuDeliversRecordsWithAWrappingCounter) {
+    kssim_camera* cam = open();
+    std::vector<std::array<uint8_t, 16>> recs;
+    auto drain = [&] {
+        do ASSERT_EQ(0, xu_.imu(&recs));
+        while (!recs.empty());
+    };
+    drain();
+    ASSERT_EQ(0, kssim_camera_imu_set_counter(cam, 65530));
+    ks_sys_usleep(50000);  // 20 samples at 400 Hz
+    std::vector<uint16_t> counters;
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(0, xu_.imu(&recs));
+        ASSERT_LE(recs.size(), 10u);  // at most ten per reply
+        for (const auto& r : recs) {
+            EXPECT_EQ(0x03, r[0]);
+            EXPECT_NEAR(8192, static_cast<int16_t>(r[3] | r[4] << 8), 6);  // 1 g on y
+            counters.push_back(xutest::imu_counter(r));
+        }
+    }
+    ASSERT_GE(counters.size(), 8u);
+    for (size_t i = 1; i < counters.size(); ++i)
+        EXPECT_EQ(static_cast<uint16_t>(counters[i - 1] + 1), counters[i]);
+    EXPECT_NE(counters.end(), std::find(counters.begin(), counters.end(), 0));
+    // The FIFO keeps the newest 1024 samples.
+    drain();
+    ks_sys_usleep(5000000);
+    EXPECT_EQ(1024u, state(cam).imu_fifo_level);
 }

@@ -1,8 +1,7 @@
 // The camera's control channel: the extension unit, the controller
-// firmware's framing and commands, and the control faults, spoken with the
-// tests' own protocol client.
-#include <linux/usb/video.h>
-#include <linux/uvcvideo.h>
+// firmware's framing and commands, the chips behind it and the control
+// faults, spoken with the tests' own protocol client.
+#include <algorithm>
 
 #include "sim_fixture.h"
 #include "xu_client.h"
@@ -24,30 +23,36 @@ class SimControl : public SimTest {
         ASSERT_TRUE(xu_.open(kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE)));
     }
     int inject(kssim_fault_kind kind, uint32_t count, int32_t value = 0, uint32_t duration_ms = 0) {
-        const kssim_fault armed = {kind, count, duration_ms, value};
-        return kssim_camera_inject_fault(cam_, &armed);
+        return SimTest::inject(cam_, kind, count, value, duration_ms);
     }
-    std::vector<kssim_message> traffic() {
-        std::vector<kssim_message> out(kssim_camera_traffic_count(cam_));
-        for (size_t i = 0; i < out.size(); ++i)
-            EXPECT_EQ(0, kssim_camera_traffic_get(cam_, i, &out[i]));
-        return out;
-    }
-    uint8_t peek(kssim_chip chip, uint32_t reg) {
-        uint8_t v = 0;
-        EXPECT_EQ(0, kssim_camera_register_read(cam_, chip, reg, &v));
+    using SimTest::state;
+    kssim_device_state state() { return SimTest::state(cam_); }
+    uint8_t asic(uint16_t reg) {
+        uint8_t v = 0xEE;
+        EXPECT_EQ(0, xu_.asic_read(reg, &v)) << reg;
         return v;
     }
-    kssim_device_state state() {
-        kssim_device_state s;
-        EXPECT_EQ(0, kssim_camera_device_state(cam_, &s));
-        return s;
+    // Stereo constants the ASIC reports: baseline x 128, bxf x 4096.
+    std::pair<uint32_t, uint32_t> constants() {
+        std::vector<uint8_t> r(8);
+        EXPECT_EQ(0, xu_.i2c_read(0xCD, 0x08, 8, &r));
+        return {uint32_t{r[0]} << 8 | r[1], xutest::be32(&r[4])};
     }
     // Waits (virtual time) until the ASIC answers after a power-up.
     void wait_asic() {
         uint8_t v = 0;
         for (int i = 0; i < 100 && xu_.asic_read(0x1F, &v) != 0; ++i) ks_sys_usleep(10000);
         ASSERT_EQ(0x34, v);
+    }
+    void power_cycle() {
+        ASSERT_EQ(0, xu_.set_asic(0));
+        ASSERT_EQ(0, xu_.set_asic(1));
+        wait_asic();
+    }
+    uint32_t resets() {
+        uint32_t n = 99;
+        EXPECT_EQ(0, xu_.reset_count(&n));
+        return n;
     }
     kssim_camera* cam_ = nullptr;
     Client xu_;
@@ -58,23 +63,20 @@ class SimControl : public SimTest {
 TEST_F(SimControl, ExtensionUnitAnswersUnit3Selector1AndRefusesTheRest) {
     uint8_t len[2] = {0, 0};
     ASSERT_EQ(0, xu_.query(UVC_GET_LEN, len, 2));
-    EXPECT_EQ(0x40, len[0]);
+    EXPECT_EQ(0x40, len[0]);  // 320
     EXPECT_EQ(0x01, len[1]);
     uint8_t info = 0;
     ASSERT_EQ(0, xu_.query(UVC_GET_INFO, &info, 1));
     EXPECT_EQ(0x03, info);
-
     Block b{};
     EXPECT_EQ(ENOENT, xu_.query(UVC_GET_CUR, b.data(), 320, 2, 1));
     EXPECT_EQ(ENOENT, xu_.query(UVC_GET_CUR, b.data(), 320, 3, 2));
-    EXPECT_EQ(ENOENT, xu_.query(UVC_GET_LEN, len, 2, 4, 1));
     EXPECT_EQ(EINVAL, xu_.query(UVC_SET_CUR, b.data(), 319));
     EXPECT_EQ(EINVAL, xu_.query(UVC_GET_CUR, b.data(), 64));
     EXPECT_EQ(EINVAL, xu_.query(UVC_GET_LEN, b.data(), 4));
     EXPECT_EQ(EINVAL, xu_.query(UVC_GET_INFO, b.data(), 2));
     EXPECT_EQ(EINVAL, xu_.query(0x99, b.data(), 320));
     EXPECT_EQ(EFAULT, xu_.query(UVC_GET_CUR, nullptr, 320));
-
     // Nothing asked yet: a block without the reply flag.
     b.fill(0xEE);
     ASSERT_EQ(0, xu_.receive(b));
@@ -82,63 +84,54 @@ TEST_F(SimControl, ExtensionUnitAnswersUnit3Selector1AndRefusesTheRest) {
     EXPECT_EQ(xutest::kTag, m.tag);
     EXPECT_EQ(0u, m.command & xutest::kReply);
     EXPECT_EQ(0u, m.length);
-
-    // Any open descriptor of the capture node works; the metadata node has no
-    // extension units and a webcam has no unit 3.
-    Client second;
-    ASSERT_TRUE(second.open(kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE)));
-    std::string v;
-    EXPECT_EQ(0, second.version(&v));
-    Client meta;
+    // The metadata node has no extension units and a webcam has no unit 3.
+    Client meta, wc;
     ASSERT_TRUE(meta.open(kssim_camera_node_path(cam_, KSSIM_NODE_META)));
     EXPECT_EQ(ENOTTY, meta.query(UVC_GET_LEN, len, 2));
     kssim_camera* web = kssim_world_add_webcam(world_, nullptr);
-    ASSERT_NE(web, nullptr);
-    Client wc;
     ASSERT_TRUE(wc.open(kssim_camera_node_path(web, KSSIM_NODE_CAPTURE)));
     EXPECT_EQ(ENOENT, wc.query(UVC_GET_LEN, len, 2));
     EXPECT_EQ(-1, kssim_camera_eeprom_read(web, 0, len, 1));
 }
 
-TEST_F(SimControl, RepliesEchoIdAndParameterAndAreFetchedOnce) {
+TEST_F(SimControl, RepliesEchoTheRequestAndMalformedOnesAreRefusedWithAStall) {
     Message m;
     ASSERT_EQ(0, xu_.exchange_raw(xutest::request(77, 2, 0x65000, {}), &m));
-    EXPECT_EQ(xutest::kTag, m.tag);
     EXPECT_EQ(77u, m.id);
     EXPECT_EQ(2u | xutest::kReply, m.command);
     EXPECT_EQ(0x65000u, m.parameter);
     EXPECT_EQ(256u, m.length);
     EXPECT_EQ(m.data_sum(), m.checksum);
-
-    // The reply is consumed: the next read has no reply flag.
     Block b{};
-    ASSERT_EQ(0, xu_.receive(b));
-    m = Message::parse(b);
-    EXPECT_EQ(77u, m.id);
-    EXPECT_EQ(2u, m.command);
-
-    // A block whose byte 319 is not 1 is no request: nothing happens.
-    ASSERT_EQ(0, xu_.send(xutest::request(78, 11, 0, {}, false)));
-    ASSERT_EQ(0, xu_.receive(b));
-    EXPECT_EQ(0u, Message::parse(b).command & xutest::kReply);
-
+    ASSERT_EQ(0, xu_.receive(b));  // the reply was consumed: the request is seen again
+    EXPECT_EQ(2u, Message::parse(b).command);
+    // Byte 319 other than 1: no request, nothing happens.
+    EXPECT_EQ(0u, xu_.next(xutest::request(78, 11, 0, {}, false)).command & xutest::kReply);
     // Words the command does not use (reserved, a stale parameter) are ignored.
     Block req = xutest::request(79, 11, 0xDEADBEEF, {});
     xutest::put_be32(&req[12], 0x12345678);
     ASSERT_EQ(0, xu_.exchange_raw(req, &m));
-    EXPECT_EQ(11u | xutest::kReply, m.command);
     EXPECT_EQ(1u, m.length);
-}
+    // The version text fills at most its 32 bytes, without a terminator then.
+    kssim_camera* longer = add_camera([](kssim_camera_config& cfg) {
+        std::strcpy(cfg.firmware, "0123456789012345678901234567890123456789");
+        std::strcpy(cfg.serial, "LONG0001");
+    });
+    Client l;
+    ASSERT_TRUE(l.open(kssim_camera_node_path(longer, KSSIM_NODE_CAPTURE)));
+    ASSERT_EQ(0, l.exchange(1, 0, {}, &m, 32));
+    EXPECT_EQ(0, std::memcmp(m.data.data(), "01234567890123456789012345678901", 32));
+    // A request replaced before its reply was fetched: the newer one answers.
+    xu_.send(xutest::request(30, 1, 0, {}));
+    ASSERT_EQ(0, xu_.exchange_raw(xutest::request(31, 15, 0, {}), &m));
+    EXPECT_EQ(31u, m.id);
 
-TEST_F(SimControl, FirmwareRefusesMalformedRequestsWithAStall) {
-    auto refused = [&](const Block& req) {
-        Message m;
-        const int r = xu_.exchange_raw(req, &m);
-        // The stall is reported once; then nothing is pending.
-        Block b{};
-        EXPECT_EQ(0, xu_.receive(b));
-        EXPECT_EQ(0u, Message::parse(b).command & xutest::kReply);
-        return r;
+    auto refused = [&](const Block& r) {
+        const int e = xu_.exchange_raw(r, nullptr);
+        Block after{};  // the stall is reported once; then nothing is pending
+        EXPECT_EQ(0, xu_.receive(after));
+        EXPECT_EQ(0u, Message::parse(after).command & xutest::kReply);
+        return e;
     };
     Block bad_tag = xutest::request(1, 1, 0, {});
     bad_tag[0] = 0x04;
@@ -151,73 +144,33 @@ TEST_F(SimControl, FirmwareRefusesMalformedRequestsWithAStall) {
     EXPECT_EQ(EIO, refused(too_long));
     for (uint32_t cmd : {0u, 8u, 9u, 12u, 16u, 0x80000001u})
         EXPECT_EQ(EIO, refused(xutest::request(4, cmd, 0, {})));
-    EXPECT_EQ(EIO, refused(xutest::request(5, 1, 0, {1})));           // version takes no data
-    EXPECT_EQ(EIO, refused(xutest::request(6, 2, 0x65010, {})));      // page not aligned
-    EXPECT_EQ(EIO, refused(xutest::request(7, 2, 0x200000, {})));     // beyond the flash
-    EXPECT_EQ(EIO, refused(xutest::request(8, 4, 0x65100, {})));      // sector not aligned
-    EXPECT_EQ(EIO, refused(xutest::request(9, 3, 0x65000, {1, 2})));  // a page is 256 bytes
-    EXPECT_EQ(EIO, refused(xutest::request(10, 6, 0xA10000, {1, 0, 0})));
-    EXPECT_EQ(EIO, refused(xutest::request(11, 6, 0xA10000, {0, 0, 0, 0})));  // 0 bytes
-    EXPECT_EQ(EIO, refused(xutest::request(12, 6, 0xA10000, {1, 1, 0, 0})));  // 257 bytes
-    EXPECT_EQ(EIO, refused(xutest::request(13, 7, 0xA00000, {})));
-    EXPECT_EQ(EIO, refused(xutest::request(14, 6, 0x01A10000, {1, 0, 0, 0})));
-    EXPECT_EQ(EIO, refused(xutest::request(15, 10, 0, {0x02, 17})));
-    EXPECT_EQ(EIO, refused(xutest::request(16, 10, 0, {0x00, 32, 1})));
-    EXPECT_EQ(EIO, refused(xutest::request(17, 10, 0, {0x00, 17, 2})));
-    EXPECT_EQ(EIO, refused(xutest::request(18, 10, 0, {0x00, 17})));
-    EXPECT_EQ(EIO, refused(xutest::request(19, 14, 0, {2})));
-    EXPECT_EQ(EIO, refused(xutest::request(20, 5, 0, {})));
-
-    // The traffic record keeps the refused requests with their outcome.
-    const std::vector<kssim_message> t = traffic();
-    ASSERT_FALSE(t.empty());
-    EXPECT_EQ(KSSIM_REQUEST, t.back().direction);
-    EXPECT_EQ(20u, t.back().id);
-    EXPECT_EQ(EIO, t.back().outcome);
-    kssim_control_stats st;
-    ASSERT_EQ(0, kssim_camera_control_stats(cam_, &st));
-    EXPECT_EQ(st.requests, st.refused);
-    EXPECT_GE(st.refused, 25u);
-
-    // A request replaced before its reply was fetched: the newer one answers.
-    xu_.send(xutest::request(30, 1, 0, {}));
-    Message m;
-    ASSERT_EQ(0, xu_.exchange_raw(xutest::request(31, 15, 0, {}), &m));
-    EXPECT_EQ(31u, m.id);
-    EXPECT_EQ(15u | xutest::kReply, m.command);
-}
-
-TEST_F(SimControl, VersionTextIsTheConfiguredOne) {
-    std::string v;
-    ASSERT_EQ(0, xu_.version(&v));
-    EXPECT_EQ("KS-USB 3.2.1 2023-11-20", v);
-    kssim_camera* old = add_camera([](kssim_camera_config& c) {
-        std::strcpy(c.firmware, "10225 build 7");
-        std::strcpy(c.serial, "OLD00001");
-    });
-    ASSERT_NE(old, nullptr);
-    Client c;
-    ASSERT_TRUE(c.open(kssim_camera_node_path(old, KSSIM_NODE_CAPTURE)));
-    ASSERT_EQ(0, c.version(&v));
-    EXPECT_EQ("10225 build 7", v);
-    // A text of 32 characters or more fills the 32 bytes without terminator.
-    kssim_camera* longer = add_camera([](kssim_camera_config& cfg) {
-        std::strcpy(cfg.firmware, "0123456789012345678901234567890123456789");
-        std::strcpy(cfg.serial, "LONG0001");
-    });
-    Client l;
-    ASSERT_TRUE(l.open(kssim_camera_node_path(longer, KSSIM_NODE_CAPTURE)));
-    Message m;
-    ASSERT_EQ(0, l.exchange(1, 0, {}, &m, 32));
-    EXPECT_EQ(0, std::memcmp(m.data.data(), "01234567890123456789012345678901", 32));
+    const struct {
+        uint32_t command, parameter;
+        std::vector<uint8_t> data;
+    } bad[] = {{1, 0, {1}},                    // version takes no data
+               {2, 0x65010, {}},               // page not aligned
+               {2, 0x200000, {}},              // beyond the flash
+               {4, 0x65100, {}},               // sector not aligned
+               {3, 0x65000, {1, 2}},           // a page is 256 bytes
+               {6, 0xA10000, {1, 0, 0}},       // a count of three bytes
+               {6, 0xA10000, {0, 0, 0, 0}},    // 0 bytes
+               {6, 0xA10000, {1, 1, 0, 0}},    // 257 bytes
+               {7, 0xA00000, {}},              // nothing to write
+               {6, 0x01A10000, {1, 0, 0, 0}},  // device beyond 8 bits
+               {10, 0, {0x02, 17}},            // neither set nor get
+               {10, 0, {0x00, 32, 1}},         // pin beyond 31
+               {10, 0, {0x00, 17, 2}},         // level not 0 or 1
+               {10, 0, {0x00, 17}},            // pin without level
+               {14, 0, {2}},
+               {5, 0, {}}};
+    uint32_t id = 10;
+    for (const auto& r : bad)
+        EXPECT_EQ(EIO, refused(xutest::request(++id, r.command, r.parameter, r.data))) << id;
 }
 
 TEST_F(SimControl, FlashEraseWriteReadRoundTripLikeNorFlash) {
     const uint32_t base = (20 + 101) * 4096;  // EPR slot 20
     std::vector<uint8_t> page;
-    ASSERT_EQ(0, xu_.flash_read(base, &page));
-    EXPECT_EQ(std::vector<uint8_t>(256, 0xFF), page);  // never written: erased
-
     std::vector<uint8_t> bytes(8192);
     for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7 + 3);
     ASSERT_EQ(0, xu_.flash_store(base, bytes));
@@ -225,76 +178,48 @@ TEST_F(SimControl, FlashEraseWriteReadRoundTripLikeNorFlash) {
         ASSERT_EQ(0, xu_.flash_read(base + p, &page));
         EXPECT_TRUE(std::equal(page.begin(), page.end(), bytes.begin() + p)) << p;
     }
-    std::vector<uint8_t> direct(8192);
-    ASSERT_EQ(0, kssim_camera_flash_read(cam_, base, direct.data(), direct.size()));
-    EXPECT_EQ(bytes, direct);
-
-    // Programming without erasing only clears bits.
+    // Programming without erasing only clears bits; an erase clears one sector.
     ASSERT_EQ(0, xu_.flash_write(base, std::vector<uint8_t>(256, 0xF0)));
     ASSERT_EQ(0, xu_.flash_read(base, &page));
     for (int i = 0; i < 256; ++i) ASSERT_EQ(bytes[i] & 0xF0, page[i]);
     ASSERT_EQ(0, xu_.flash_erase(base));
     ASSERT_EQ(0, xu_.flash_read(base + 0xF00, &page));
     EXPECT_EQ(std::vector<uint8_t>(256, 0xFF), page);
-    ASSERT_EQ(0, xu_.flash_read(base + 0x1000, &page));  // the next sector stays
+    ASSERT_EQ(0, xu_.flash_read(base + 0x1000, &page));
     EXPECT_EQ(bytes[0x1000], page[0]);
-
-    // The last page of the flash and the FPGA bitstream area are reachable.
+    // The last page and the FPGA bitstream area are reachable, nothing beyond.
     EXPECT_EQ(0, xu_.flash_read(KSSIM_FLASH_SIZE - 256, &page));
     EXPECT_EQ(0, xu_.flash_erase(0x3D000));
     EXPECT_EQ(EIO, xu_.flash_read(KSSIM_FLASH_SIZE, &page));
-
-    // Direct access checks its ranges.
-    uint8_t one = 0;
-    EXPECT_EQ(-1, kssim_camera_flash_read(cam_, KSSIM_FLASH_SIZE, &one, 1));
-    EXPECT_EQ(-1, kssim_camera_flash_write(cam_, KSSIM_FLASH_SIZE - 1, direct.data(), 2));
-    EXPECT_EQ(0, kssim_camera_flash_write(cam_, KSSIM_FLASH_SIZE - 1, &one, 1));
-    EXPECT_EQ(-1, kssim_camera_eeprom_read(cam_, 0xFFFFFFFFu, &one, 2));
-    EXPECT_EQ(-1, kssim_camera_eeprom_read(cam_, 0, nullptr, 1));
+    EXPECT_EQ(-1, kssim_camera_flash_write(cam_, KSSIM_FLASH_SIZE - 1, bytes.data(), 2));
+    EXPECT_EQ(-1, kssim_camera_eeprom_read(cam_, 0xFFFFFFFFu, bytes.data(), 2));
 }
 
 TEST_F(SimControl, I2CReachesTheAsicTheEepromAndTheFpga) {
+    EXPECT_EQ(0x34, asic(0x1F));
+    EXPECT_EQ(0xEA, asic(0xF0));
     uint8_t v = 0;
-    ASSERT_EQ(0, xu_.asic_read(0x1F, &v));
-    EXPECT_EQ(0x34, v);
-    ASSERT_EQ(0, xu_.asic_read(0xF0, &v));
-    EXPECT_EQ(0xEA, v);
     ASSERT_EQ(0, xu_.fpga_read(0x1F, &v));
     EXPECT_EQ(0x56, v);
     ASSERT_EQ(0, xu_.fpga_read(0x00, &v));
     EXPECT_EQ(0x22, v);  // PCB revision 2, OV9281
+    EXPECT_EQ(std::make_pair(50u * 128, 35000u * 4096), constants());
 
-    // Stereo constants from the loaded EPR: baseline 50 x 128, bxf 35000 x 4096.
+    // Registers hold what is written; the search range reads back at 0x4F;
+    // identity and hardware info are read-only.
     std::vector<uint8_t> regs;
-    ASSERT_EQ(0, xu_.i2c_read(0xCD, 0x08, 8, &regs));
-    EXPECT_EQ(50u * 128, uint32_t{regs[0]} << 8 | regs[1]);
-    EXPECT_EQ(35000u * 4096, xutest::be32(&regs[4]));
-
-    // Registers that hold what is written; the search range reads back at 0x4F.
     ASSERT_EQ(0, xu_.i2c_write(0xCC, 0x71, {3, 0x80, 1, 0x40}));
-    ASSERT_EQ(0, xu_.asic_write(0x42, 0x60));
-    ASSERT_EQ(0, xu_.asic_read(0x4F, &v));
-    EXPECT_EQ(0x60, v);
     ASSERT_EQ(0, xu_.i2c_read(0xCD, 0x71, 4, &regs));
     EXPECT_EQ((std::vector<uint8_t>{3, 0x80, 1, 0x40}), regs);
-    EXPECT_EQ(0x80, peek(KSSIM_CHIP_ASIC, 0x72));
-    ASSERT_EQ(0, xu_.asic_write(0x1F, 0x00));  // read-only
-    EXPECT_EQ(0x34, peek(KSSIM_CHIP_ASIC, 0x1F));
-    ASSERT_EQ(0, xu_.fpga_write(0x30, 1));
-    ASSERT_EQ(0, xu_.fpga_write(0x31, 0x7F));
-    ASSERT_EQ(0, xu_.fpga_write(0x00, 0x99));  // hardware info is read-only
-    EXPECT_EQ(1, peek(KSSIM_CHIP_FPGA, 0x30));
-    EXPECT_EQ(0x7F, peek(KSSIM_CHIP_FPGA, 0x31));
-    EXPECT_EQ(0x22, peek(KSSIM_CHIP_FPGA, 0x00));
+    ASSERT_EQ(0, xu_.asic_write(0x42, 0x60));
+    EXPECT_EQ(0x60, asic(0x4F));
+    ASSERT_EQ(0, xu_.asic_write(0x1F, 0x00));
+    EXPECT_EQ(0x34, asic(0x1F));
+    ASSERT_EQ(0, xu_.fpga_write(0x00, 0x99));
+    ASSERT_EQ(0, xu_.fpga_read(0x00, &v));
+    EXPECT_EQ(0x22, v);
 
-    // EEPROM: byte writes, reads that run on (and wrap at the end), page writes
-    // that wrap within their 64-byte page.
-    ASSERT_EQ(0, xu_.eeprom_write(0x3C08, 0xC2));
-    ASSERT_EQ(0, xu_.eeprom_read(0x3C08, &v));
-    EXPECT_EQ(0xC2, v);
-    uint8_t direct = 0;
-    ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0x3C08, &direct, 1));
-    EXPECT_EQ(0xC2, direct);
+    // EEPROM: reads run on and wrap at the end; page writes wrap in their 64 bytes.
     const uint8_t preset[2] = {0x5A, 0xA5};
     ASSERT_EQ(0, kssim_camera_eeprom_write(cam_, 0x3FFF, preset, 1));
     ASSERT_EQ(0, kssim_camera_eeprom_write(cam_, 0x0000, preset + 1, 1));
@@ -303,17 +228,11 @@ TEST_F(SimControl, I2CReachesTheAsicTheEepromAndTheFpga) {
     ASSERT_EQ(0, xu_.i2c_write(0xA0, 0x3C3E, {1, 2, 3, 4}));
     uint8_t page[64];
     ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0x3C00, page, 64));
-    EXPECT_EQ(1, page[0x3E]);
-    EXPECT_EQ(2, page[0x3F]);
-    EXPECT_EQ(3, page[0x00]);  // wrapped to the start of the page
-    EXPECT_EQ(4, page[0x01]);
-    const std::vector<uint8_t> big(256, 0x33);
-    ASSERT_EQ(0, xu_.i2c_read(0xA1, 0x0000, 256, &regs));
-    EXPECT_EQ(256u, regs.size());
-    EXPECT_EQ(0, xu_.i2c_write(0xA0, 0x3000, big));
+    EXPECT_EQ((std::vector<uint8_t>{3, 4, 1, 2}),
+              (std::vector<uint8_t>{page[0], page[1], page[0x3E], page[0x3F]}));
 
-    // Nobody acknowledges: an empty address, the wrong direction, registers
-    // beyond the chips' maps.
+    // Nobody acknowledges an empty address, the wrong direction, or registers
+    // beyond the chips' maps; the controller carries on normally afterwards.
     EXPECT_EQ(EIO, xu_.read1(0x51, 0, &v));
     EXPECT_EQ(EIO, xu_.read1(0xCC, 0x1F, &v));
     EXPECT_EQ(EIO, xu_.i2c_write(0xCD, 0x42, {1}));
@@ -322,207 +241,217 @@ TEST_F(SimControl, I2CReachesTheAsicTheEepromAndTheFpga) {
     EXPECT_EQ(EIO, xu_.i2c_read(0xCD, 0xFF, 2, &regs));
     EXPECT_EQ(EIO, xu_.fpga_write(0x1FF, 1));
     EXPECT_EQ(EIO, xu_.eeprom_read(0x4000, &v));
-    // The controller carries on normally afterwards.
-    EXPECT_EQ(0, xu_.asic_read(0x4F, &v));
+    EXPECT_EQ(0x60, asic(0x4F));
 }
 
-TEST_F(SimControl, GpioStatusAndResetCount) {
-    uint8_t v = 0xEE;
-    ASSERT_EQ(0, xu_.get_gpio(17, &v));
-    EXPECT_EQ(1, v);
-    ASSERT_EQ(0, xu_.set_gpio(5, 1));
-    Message m;
-    ASSERT_EQ(0, xu_.exchange(10, 0, {0x01, 5, 17, 6}, &m, 3));
-    EXPECT_EQ((std::vector<uint8_t>{1, 1, 0}), m.data);
-    ASSERT_EQ(0, xu_.exchange(10, 0, {0x00, 5, 0, 6, 1}));
-    ASSERT_EQ(0, xu_.exchange(10, 0, {0x01, 5, 6}, &m, 2));
-    EXPECT_EQ((std::vector<uint8_t>{0, 1}), m.data);
-    // On the current firmware GPIO 17 does not touch the ASIC.
-    ASSERT_EQ(0, xu_.set_gpio(17, 0));
-    EXPECT_EQ(1, state().asic_running);
-    ASSERT_EQ(0, xu_.asic_read(0x1F, &v));
-
-    uint8_t status = 0;
-    ASSERT_EQ(0, xu_.status(&status));
-    EXPECT_EQ(0x03, status);  // ASIC running, EPR loaded
-    uint32_t resets = 99;
-    ASSERT_EQ(0, xu_.reset_count(&resets));
-    EXPECT_EQ(0u, resets);
-    Block b{};
-    ASSERT_EQ(0, xu_.send(xutest::request(5, 15, 0, {})));
-    ASSERT_EQ(0, xu_.receive(b));
-    EXPECT_EQ((std::vector<uint8_t>{0, 0, 0, 0}), Message::parse(b).data);
-}
-
-TEST_F(SimControl, ResetStateHoldsTheAsicAndAPowerUpReloadsTheEpr) {
-    // Put another image into the effective area, as the host does.
+TEST_F(SimControl, PowerCyclesReloadTheEprAndItsConstants) {
+    // Another image in the effective area counts from the next power-up.
     std::vector<uint8_t> img(KSSIM_EPR_SIZE);
     ASSERT_EQ(0, kssim_epr_build(img.data(), 640, 480, 28000.0, 40.0, 9));
     for (size_t i = 0; i < img.size(); ++i)
         ASSERT_EQ(0, xu_.eeprom_write(static_cast<uint16_t>(i), img[i]));
-    EXPECT_EQ(1280, state().epr_width);  // not before a power cycle
-
-    ASSERT_EQ(0, xu_.set_asic(0));
-    kssim_device_state s = state();
-    EXPECT_EQ(0, s.asic_running);
-    uint8_t v = 0;
-    EXPECT_EQ(EIO, xu_.asic_read(0x1F, &v));
-    EXPECT_EQ(0, xu_.eeprom_read(0x0000, &v));  // the EEPROM stays reachable
-    EXPECT_EQ(0, xu_.fpga_read(0x1F, &v));
-    uint8_t status = 0;
+    EXPECT_EQ(1280, state().epr_width);
+    EXPECT_EQ(0u, resets());
+    uint8_t status = 0, v = 0;
     ASSERT_EQ(0, xu_.status(&status));
-    EXPECT_EQ(0, status & 1);
+    EXPECT_EQ(0x03, status);  // ASIC running, EPR loaded
 
+    // Held in reset: the ASIC is silent, the EEPROM and FPGA answer.
+    ASSERT_EQ(0, xu_.set_asic(0));
+    EXPECT_EQ(0, state().asic_running);
+    EXPECT_EQ(EIO, xu_.asic_read(0x1F, &v));
+    EXPECT_EQ(0, xu_.eeprom_read(0x0000, &v));
+    EXPECT_EQ(0, xu_.fpga_read(0x1F, &v));
+    ASSERT_EQ(0, xu_.status(&status));
+    EXPECT_EQ(0x00, status & 1);
+    ASSERT_EQ(0, xu_.set_gpio(17, 0));  // GPIO 17 does not touch the ASIC here
     ASSERT_EQ(0, xu_.set_asic(1));
     wait_asic();
-    s = state();
-    EXPECT_EQ(1, s.asic_running);
+    kssim_device_state s = state();
     EXPECT_EQ(1, s.epr_loaded);
     EXPECT_EQ(640, s.epr_width);
     EXPECT_EQ(480, s.epr_height);
-    std::vector<uint8_t> regs;
-    ASSERT_EQ(0, xu_.i2c_read(0xCD, 0x08, 8, &regs));
-    EXPECT_EQ(40u * 128, uint32_t{regs[0]} << 8 | regs[1]);
-    EXPECT_EQ(28000u * 4096, xutest::be32(&regs[4]));
-    ASSERT_EQ(0, xu_.asic_read(0xF0, &v));
-    EXPECT_EQ(0xEA, v);
-    kssim_camera_config cfg;
-    ASSERT_EQ(0, kssim_camera_get_config(cam_, &cfg));
-    EXPECT_DOUBLE_EQ(28000.0, cfg.bxf);  // the frames carry the new constants
-    EXPECT_DOUBLE_EQ(40.0, cfg.baseline);
-    uint32_t resets = 0;
-    ASSERT_EQ(0, xu_.reset_count(&resets));
-    EXPECT_EQ(1u, resets);
+    EXPECT_EQ(std::make_pair(40u * 128, 28000u * 4096), constants());
+    EXPECT_EQ(0xEA, asic(0xF0));
+    EXPECT_EQ(1u, resets());
 
     // Setting the state it already has is no reset; a power-up resets registers.
     ASSERT_EQ(0, xu_.asic_write(0x42, 0x20));
     ASSERT_EQ(0, xu_.set_asic(1));
-    ASSERT_EQ(0, xu_.reset_count(&resets));
-    EXPECT_EQ(1u, resets);
-
-    // The host's bring-up: run, 4 s, reset, 1 s, run, 6 s (virtual).
-    const int64_t t0 = simtest::virtual_now_us();
-    ASSERT_EQ(0, xu_.set_asic(1));
-    ks_sys_sleep(4);
-    ASSERT_EQ(0, xu_.set_asic(0));
-    ks_sys_sleep(1);
-    ASSERT_EQ(0, xu_.set_asic(1));
-    ks_sys_sleep(6);
-    EXPECT_GE(simtest::virtual_now_us() - t0, 11000000);
-    ASSERT_EQ(0, xu_.reset_count(&resets));
-    EXPECT_EQ(2u, resets);
-    ASSERT_EQ(0, xu_.asic_read(0x4F, &v));
-    EXPECT_EQ(0, v);
+    EXPECT_EQ(1u, resets());
+    power_cycle();
+    EXPECT_EQ(2u, resets());
+    EXPECT_EQ(0, asic(0x4F));
 
     // A damaged effective image: the ASIC runs but reports a failed load.
     ASSERT_EQ(0, xu_.eeprom_write(100, img[100] ^ 0x01));
-    ASSERT_EQ(0, xu_.set_asic(0));
-    ASSERT_EQ(0, xu_.set_asic(1));
-    wait_asic();
-    ASSERT_EQ(0, xu_.asic_read(0xF0, &v));
-    EXPECT_EQ(0x00, v);
-    ASSERT_EQ(0, xu_.i2c_read(0xCD, 0x08, 8, &regs));
-    EXPECT_EQ(std::vector<uint8_t>(8, 0), regs);
+    power_cycle();
+    EXPECT_EQ(0x00, asic(0xF0));
+    EXPECT_EQ(std::make_pair(0u, 0u), constants());
     ASSERT_EQ(0, xu_.status(&status));
     EXPECT_EQ(0x01, status);
-    EXPECT_EQ(0, state().epr_loaded);
+
+    // The "1022" firmware has no reset state: GPIO 17 powers the ASIC.
+    kssim_camera* old = add_camera([](kssim_camera_config& c) {
+        std::strcpy(c.firmware, "1022.3");
+        std::strcpy(c.serial, "OLD00002");
+    });
+    Client o;
+    ASSERT_TRUE(o.open(kssim_camera_node_path(old, KSSIM_NODE_CAPTURE)));
+    EXPECT_EQ(EIO, o.set_asic(0));
+    ASSERT_EQ(0, o.set_gpio(17, 0));
+    EXPECT_EQ(0, state(old).asic_powered);
+    EXPECT_EQ(EIO, o.asic_read(0x1F, &v));
+    ASSERT_EQ(0, o.set_gpio(17, 1));
+    ks_sys_usleep(50000);
+    ASSERT_EQ(0, o.asic_read(0xF0, &v));
+    EXPECT_EQ(0xEA, v);
 }
 
-TEST_F(SimControl, TrafficRecordsRequestsAndRepliesAsOnTheWire) {
-    kssim_camera_traffic_clear(cam_);
-    EXPECT_EQ(0u, kssim_camera_traffic_count(cam_));
-    ASSERT_EQ(0, xu_.i2c_write(0xA0, 0x3C09, {0x42, 0x43}));
-    uint8_t v = 0;
-    ASSERT_EQ(0, xu_.eeprom_read(0x3C09, &v));
+TEST_F(SimControl, EepromUpdateCopiesAFlashSlotDuringABusyPeriod) {
+    std::vector<uint8_t> img(KSSIM_EPR_SIZE);
+    ASSERT_EQ(0, kssim_epr_build(img.data(), 640, 480, 30000.0, 45.0, 3));
+    img.resize(4096, 0);  // uploads are padded to whole sectors
+    ASSERT_EQ(0, xu_.flash_store((5 + 101) * 4096, img));
+    // Real time: the checks right after the request must fall into the busy period.
+    ASSERT_EQ(0, kssim_world_set_warp(world_, 1.0));
+    const int64_t t0 = simtest::virtual_now_us();
+    ASSERT_EQ(0, xu_.send(xutest::request(900, 5, 0, {5})));
     Block b{};
-    xu_.receive(b);  // an empty read is not recorded
-    const std::vector<kssim_message> t = traffic();
-    ASSERT_EQ(4u, t.size());
-    EXPECT_EQ(KSSIM_REQUEST, t[0].direction);
-    EXPECT_EQ(7u, t[0].command);
-    EXPECT_EQ(0xA03C09u, t[0].parameter);
-    EXPECT_EQ(2u, t[0].length);
-    EXPECT_EQ(2u, t[0].data_length);
-    EXPECT_EQ(0x42, t[0].data[0]);
-    EXPECT_EQ(0x43, t[0].data[1]);
-    EXPECT_EQ(0x85u, t[0].checksum);
-    EXPECT_EQ(0, t[0].outcome);
-    EXPECT_EQ(KSSIM_REPLY, t[1].direction);
-    EXPECT_EQ(7u | xutest::kReply, t[1].command);
-    EXPECT_EQ(t[0].id, t[1].id);
-    EXPECT_EQ(6u, t[2].command);
-    EXPECT_EQ(0xA13C09u, t[2].parameter);
-    EXPECT_EQ(4u, t[2].length);
-    EXPECT_EQ(1, t[2].data[0]);  // the byte count, least significant byte first
-    EXPECT_EQ(0, t[2].data[1]);
-    EXPECT_EQ(1u, t[3].length);
-    EXPECT_EQ(0x42, t[3].data[0]);
-    EXPECT_LE(t[0].time_us, t[3].time_us);
-    kssim_message m;
-    EXPECT_EQ(-1, kssim_camera_traffic_get(cam_, 4, &m));
-    EXPECT_EQ(-1, kssim_camera_traffic_get(cam_, 0, nullptr));
-    kssim_control_stats st;
-    ASSERT_EQ(0, kssim_camera_control_stats(cam_, &st));
-    EXPECT_GE(st.empty_reads, 1u);
-}
-
-// ---- hostile answers and replugging ------------------------------------------------------
-
-TEST_F(SimControl, HostileModeAnswersWithRandomWellFramedBlocksAndDoesNothing) {
-    ASSERT_EQ(0, kssim_camera_set_hostile(cam_, 1, 1234));
-    std::vector<uint32_t> commands;
-    for (uint32_t id = 1; id <= 200; ++id) {
-        Block b{};
-        ASSERT_EQ(0, xu_.send(xutest::request(id, 7, 0xA03C00, {0x55})));
-        ASSERT_EQ(0, xu_.receive(b));
-        const Message m = Message::parse(b);
-        EXPECT_EQ(xutest::kTag, m.tag);
-        EXPECT_EQ(id, m.id);
-        EXPECT_NE(0u, m.command & xutest::kReply);
-        EXPECT_LE(m.length, 256u);
-        EXPECT_EQ(m.data_sum(), m.checksum);
-        commands.push_back(m.command & ~xutest::kReply);
+    EXPECT_EQ(EIO, xu_.receive(b));  // busy: every query fails at the transport
+    EXPECT_EQ(1, state().eeprom_busy);
+    int failures = 0;
+    uint8_t status = 0;
+    for (; xu_.status(&status) != 0; ++failures) {
+        ks_sys_usleep(20000);
+        ASSERT_LT(failures, 100);
     }
-    EXPECT_GT(std::count(commands.begin(), commands.end(), 7u), 50);
-    EXPECT_LT(std::count(commands.begin(), commands.end(), 7u), 150);
-    uint8_t v = 0;
-    ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0x3C00, &v, 1));
-    EXPECT_EQ(0xFF, v);  // nothing was carried out
-
-    // The same seed gives the same answers.
-    auto first_answers = [&](uint32_t seed) {
-        EXPECT_EQ(0, kssim_camera_set_hostile(cam_, 1, seed));
-        std::vector<uint32_t> out;
-        for (int i = 0; i < 5; ++i) {
-            Block b{};
-            xu_.send(xutest::request(1, 11, 0, {}));
-            xu_.receive(b);
-            out.push_back(Message::parse(b).checksum);
-        }
-        return out;
-    };
-    EXPECT_EQ(first_answers(99), first_answers(99));
-    ASSERT_EQ(0, kssim_camera_set_hostile(cam_, 0, 0));
-    std::string text;
-    EXPECT_EQ(0, xu_.version(&text));
+    EXPECT_GE(simtest::virtual_now_us() - t0, 300000);
+    EXPECT_GE(failures, 1);
+    ASSERT_EQ(0, kssim_world_set_warp(world_, 50.0));
+    std::vector<uint8_t> eeprom(KSSIM_EPR_SIZE);
+    ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0, eeprom.data(), eeprom.size()));
+    EXPECT_TRUE(std::equal(eeprom.begin(), eeprom.end(), img.begin()));
+    uint8_t custom = 0;  // the custom area is untouched
+    ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0x3C18, &custom, 1));
+    EXPECT_EQ(0xC4, custom);
+    power_cycle();
+    EXPECT_EQ(640, state().epr_width);
+    EXPECT_DOUBLE_EQ(45.0, state().baseline);
 }
 
-TEST_F(SimControl, ReplugPowersAFreshControllerAndKeepsTheMemories) {
-    ASSERT_EQ(0, xu_.eeprom_write(0x3C08, 0xC2));
-    ASSERT_EQ(0, xu_.set_asic(0));
-    ASSERT_EQ(0, xu_.set_asic(1));
-    ASSERT_EQ(0, inject(KSSIM_FAULT_XU_FAIL, 0));
-    ASSERT_EQ(0, kssim_camera_unplug(cam_));
+TEST_F(SimControl, ControlFaultsHaveTheirDocumentedEffects) {
     std::string v;
-    EXPECT_EQ(ENODEV, xu_.version(&v));
-    ASSERT_EQ(0, kssim_camera_replug(cam_));
-    xu_.close();
-    ASSERT_TRUE(xu_.open(kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE)));
-    EXPECT_EQ(0, xu_.version(&v));  // faults cleared
-    uint32_t resets = 9;
-    ASSERT_EQ(0, xu_.reset_count(&resets));
-    EXPECT_EQ(0u, resets);
-    uint8_t b = 0;
-    ASSERT_EQ(0, xu_.eeprom_read(0x3C08, &b));
-    EXPECT_EQ(0xC2, b);
+    // Failing queries: by count (the request's SET_CUR fails, nothing answers),
+    // by virtual duration with a chosen errno, until cleared.
+    ASSERT_EQ(0, inject(KSSIM_FAULT_XU_FAIL, 2));
+    uint8_t len[2];
+    EXPECT_EQ(EPIPE, xu_.query(UVC_GET_LEN, len, 2));
+    EXPECT_EQ(ETIMEDOUT, xu_.version(&v));
+    EXPECT_EQ(0, xu_.version(&v));
+    ASSERT_EQ(0, inject(KSSIM_FAULT_XU_FAIL, 0, EIO, 20000));
+    EXPECT_EQ(EIO, xu_.version(&v));
+    ks_sys_usleep(20000000);
+    EXPECT_EQ(0, xu_.version(&v));
+    EXPECT_EQ(-1, inject(KSSIM_FAULT_XU_FAIL, 1, 5000));
+
+    // Replies without the flag (twice: the reply comes third), with a wrong
+    // tag (then the right one), a wrong checksum, command or length.
+    Block b{};
+    ASSERT_EQ(0, inject(KSSIM_FAULT_REPLY_NO_FLAG, 2));
+    EXPECT_EQ(11u, xu_.next(xutest::request(1, 11, 0, {})).command);
+    ASSERT_EQ(0, xu_.receive(b));
+    EXPECT_EQ(11u, Message::parse(b).command);
+    ASSERT_EQ(0, xu_.receive(b));
+    EXPECT_EQ(11u | xutest::kReply, Message::parse(b).command);
+    ASSERT_EQ(0, inject(KSSIM_FAULT_REPLY_BAD_TAG, 1));
+    EXPECT_EQ(0x04030201u, xu_.next(xutest::request(2, 11, 0, {})).tag);
+    ASSERT_EQ(0, xu_.receive(b));
+    EXPECT_EQ(xutest::kTag, Message::parse(b).tag);
+    ASSERT_EQ(0, inject(KSSIM_FAULT_REPLY_BAD_CHECKSUM, 1));
+    Message m = xu_.next(xutest::request(3, 1, 0, {}));
+    EXPECT_EQ(m.data_sum() + 1, m.checksum);
+    ASSERT_EQ(0, inject(KSSIM_FAULT_REPLY_WRONG_COMMAND, 1));
+    EXPECT_EQ(1u | xutest::kReply, xu_.next(xutest::request(4, 15, 0, {})).command);
+    ASSERT_EQ(0, inject(KSSIM_FAULT_REPLY_WRONG_LENGTH, 1));
+    m = xu_.next(xutest::request(6, 6, 0xA13C18, {1, 0, 0, 0}));
+    EXPECT_EQ(2u, m.length);
+    EXPECT_EQ(m.data_sum(), m.checksum);
+    ASSERT_EQ(0, inject(KSSIM_FAULT_REPLY_WRONG_LENGTH, 1, 3));
+    EXPECT_EQ(3u, xu_.next(xutest::request(8, 15, 0, {})).length);
+    EXPECT_EQ(-1, inject(KSSIM_FAULT_REPLY_WRONG_LENGTH, 1, 257));
+    ASSERT_EQ(0, inject(KSSIM_FAULT_REPLY_LONG_LENGTH, 1));
+    m = xu_.next(xutest::request(9, 1, 0, {}));
+    EXPECT_EQ(257u, m.length);
+    EXPECT_EQ(0, std::memcmp(m.data.data(), "KS-USB", 6));
+    EXPECT_EQ(-1, inject(KSSIM_FAULT_REPLY_LONG_LENGTH, 1, 256));
+    EXPECT_EQ(0, xu_.version(&v));
+
+    // I2C refusals per device and direction (value 1 writes, 2 reads).
+    uint8_t r = 0;
+    ASSERT_EQ(0, inject(KSSIM_FAULT_I2C_REFUSE_EEPROM, 1, 1));
+    EXPECT_EQ(0, xu_.eeprom_read(0x3C09, &r));
+    EXPECT_EQ(0, xu_.asic_read(0x1F, &r));  // other devices answer
+    EXPECT_EQ(EIO, xu_.eeprom_write(0x3C09, 7));
+    ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0x3C09, &r, 1));
+    EXPECT_EQ(0xFF, r);  // a refused write stores nothing
+    ASSERT_EQ(0, inject(KSSIM_FAULT_I2C_REFUSE_ASIC, 1, 2));
+    EXPECT_EQ(0, xu_.asic_write(0x42, 5));
+    EXPECT_EQ(EIO, xu_.asic_read(0x4F, &r));
+    EXPECT_EQ(5, asic(0x4F));
+    ASSERT_EQ(0, inject(KSSIM_FAULT_I2C_REFUSE_FPGA, 0));  // both, until cleared
+    EXPECT_EQ(EIO, xu_.fpga_read(0x1F, &r));
+    EXPECT_EQ(EIO, xu_.fpga_write(0x30, 1));
+    ASSERT_EQ(0, kssim_camera_clear_fault(cam_, KSSIM_FAULT_I2C_REFUSE_FPGA));
+
+    // EEPROM bytes that do not stick: acknowledged, the old value stays; at
+    // every address by count, or at one address.
+    ASSERT_EQ(0, inject(KSSIM_FAULT_EEPROM_NO_STICK, 1));
+    ASSERT_EQ(0, xu_.eeprom_write(0x3C08, 0xC2));
+    ASSERT_EQ(0, xu_.eeprom_read(0x3C08, &r));
+    EXPECT_EQ(0xFF, r);
+    ASSERT_EQ(0, inject(KSSIM_FAULT_EEPROM_NO_STICK, 0, KSSIM_EEPROM_ADDRESS(0x3C09)));
+    ASSERT_EQ(0, xu_.i2c_write(0xA0, 0x3C08, {0x11, 0x22, 0x33}));
+    std::vector<uint8_t> bytes;
+    ASSERT_EQ(0, xu_.i2c_read(0xA1, 0x3C08, 3, &bytes));
+    EXPECT_EQ((std::vector<uint8_t>{0x11, 0xFF, 0x33}), bytes);
+    ASSERT_EQ(0, kssim_camera_clear_fault(cam_, KSSIM_FAULT_EEPROM_NO_STICK));
+    EXPECT_EQ(-1, inject(KSSIM_FAULT_EEPROM_NO_STICK, 1, KSSIM_EEPROM_ADDRESS(0x4000)));
+
+    // A controller not ready answers zeros (or the value given) to the first reads.
+    ASSERT_EQ(0, inject(KSSIM_FAULT_CONTROLLER_NOT_READY, 1, 0x12));
+    ASSERT_EQ(0, kssim_camera_register_read(cam_, KSSIM_CHIP_FPGA, 0x1F, &r));
+    EXPECT_EQ(0x12, r);  // peeking consumes nothing
+    ASSERT_EQ(0, xu_.fpga_read(0x1F, &r));
+    EXPECT_EQ(0x12, r);
+    ASSERT_EQ(0, xu_.fpga_read(0x1F, &r));
+    EXPECT_EQ(0x56, r);
+
+    // Flash writes and erases refused, changing nothing.
+    const uint32_t base = (30 + 101) * 4096;
+    ASSERT_EQ(0, inject(KSSIM_FAULT_FLASH_WRITE_FAIL, 2));
+    EXPECT_EQ(EIO, xu_.flash_erase(base));
+    EXPECT_EQ(EIO, xu_.flash_write(base, std::vector<uint8_t>(256, 0)));
+    ASSERT_EQ(0, xu_.flash_read(base, &bytes));
+    EXPECT_EQ(std::vector<uint8_t>(256, 0xFF), bytes);
+    EXPECT_EQ(0, xu_.flash_write(base, std::vector<uint8_t>(256, 0)));
+
+    // A slow EEPROM update keeps the controller busy for the value given.
+    ASSERT_EQ(0, inject(KSSIM_FAULT_SLOW_EEPROM_UPDATE, 1, 20000));
+    const int64_t t0 = simtest::virtual_now_us();
+    xu_.update_eeprom(0);
+    ks_sys_usleep(1000000);
+    EXPECT_EQ(1, state().eeprom_busy);  // a normal update would be over
+    while (xu_.status(&r) != 0) ks_sys_usleep(200000);
+    EXPECT_GE(simtest::virtual_now_us() - t0, 20000000);
+
+    // An invalid EPR fails the load at once and at each power-up of the
+    // count, without touching the EEPROM.
+    ASSERT_EQ(0, inject(KSSIM_FAULT_INVALID_EPR, 2));
+    EXPECT_EQ(0x00, asic(0xF0));
+    EXPECT_EQ(0, asic(0x0C));
+    power_cycle();
+    EXPECT_EQ(0x00, asic(0xF0));
+    power_cycle();
+    EXPECT_EQ(0xEA, asic(0xF0));
 }

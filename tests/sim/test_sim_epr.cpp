@@ -38,12 +38,6 @@ std::vector<uint8_t> slurp(const std::string& path) {
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), {});
 }
 
-void spill(const std::string& path, const std::vector<uint8_t>& bytes) {
-    std::ofstream f(path, std::ios::binary);
-    f.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-}
-
 class SimEpr : public SimTest {
   protected:
     void SetUp() override {
@@ -89,11 +83,9 @@ TEST_F(SimEpr, ImagesCarryTheDocumentedFields) {
     EXPECT_EQ(7u, xutest::be32(&img[16]));
     EXPECT_EQ(crc32_bitwise(img.data(), 3068), xutest::be32(&img[3068]));
 
-    uint16_t w = 0, h = 0;
     double bxf = 0, base = 0;
-    ASSERT_EQ(0, kssim_epr_check(img.data(), img.size(), &w, &h, &bxf, &base));
-    EXPECT_DOUBLE_EQ(35000.5, bxf);
-    EXPECT_DOUBLE_EQ(50.25, base);
+    ASSERT_EQ(0, kssim_epr_check(img.data(), img.size(), nullptr, nullptr, &bxf, &base));
+    EXPECT_EQ(std::make_pair(35000.5, 50.25), std::make_pair(bxf, base));
     // Any flipped bit, a short buffer, an erased image: rejected.
     for (size_t i : {0ul, 5ul, 9ul, 12ul, 100ul, 3067ul, 3071ul}) {
         std::vector<uint8_t> bad = img;
@@ -103,13 +95,14 @@ TEST_F(SimEpr, ImagesCarryTheDocumentedFields) {
     }
     EXPECT_EQ(-1, kssim_epr_check(img.data(), 3071, nullptr, nullptr, nullptr, nullptr));
     const std::vector<uint8_t> erased(KSSIM_EPR_SIZE, 0xFF);
-    EXPECT_EQ(-1,
-              kssim_epr_check(erased.data(), erased.size(), nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(-1, kssim_epr_check(erased.data(), 3072, nullptr, nullptr, nullptr, nullptr));
     // Fields out of range are not built.
-    EXPECT_EQ(-1, kssim_epr_build(img.data(), 8, 720, 35000, 50, 1));
-    EXPECT_EQ(-1, kssim_epr_build(img.data(), 1280, 5000, 35000, 50, 1));
-    EXPECT_EQ(-1, kssim_epr_build(img.data(), 1280, 720, 0, 50, 1));
-    EXPECT_EQ(-1, kssim_epr_build(img.data(), 1280, 720, 35000, 600, 1));
+    for (auto [w, h, f, b] : {std::tuple<int, int, double, double>{8, 720, 35000, 50},
+                              {1280, 5000, 35000, 50},
+                              {1280, 720, 0, 50},
+                              {1280, 720, 35000, 600}})
+        EXPECT_EQ(-1, kssim_epr_build(img.data(), w, h, f, b, 1))
+            << w << "x" << h << " " << f << " " << b;
     EXPECT_EQ(-1, kssim_epr_build(nullptr, 1280, 720, 35000, 50, 1));
 }
 
@@ -121,13 +114,10 @@ TEST_F(SimEpr, ToolWritesImagesAndCalibrationFolders) {
     uint16_t w = 0, h = 0;
     double bxf = 0, base = 0;
     ASSERT_EQ(0, kssim_epr_check(bytes.data(), bytes.size(), &w, &h, &bxf, &base));
-    EXPECT_EQ(640, w);
-    EXPECT_EQ(480, h);
-    EXPECT_DOUBLE_EQ(28000.0, bxf);
-    EXPECT_DOUBLE_EQ(40.0, base);
+    EXPECT_EQ(std::make_tuple(640, 480, 28000.0, 40.0), std::make_tuple(int{w}, int{h}, bxf, base));
     EXPECT_EQ(0, run("check " + img));
     bytes[2000] ^= 1;
-    spill(img, bytes);
+    std::ofstream(img, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), 3072);
     EXPECT_EQ(1, run("check " + img));
     ASSERT_EQ(0, run("image " + img + " --width 640 --height 480 --pad"));
     EXPECT_EQ(4096u, slurp(img).size());
@@ -169,18 +159,14 @@ TEST_F(SimEpr, TheAsicAcceptsTheToolsImagesAndRejectsACorruptedOne) {
     ASSERT_EQ(0, run("image " + img + " --width 640 --height 480 --bxf 30000 --baseline 45"));
     const std::vector<uint8_t> good = slurp(img);
     EXPECT_EQ(0xEA, boot_with(xu, good, 2));
-    kssim_device_state s;
-    ASSERT_EQ(0, kssim_camera_device_state(cam, &s));
-    EXPECT_EQ(640, s.epr_width);
-    EXPECT_EQ(480, s.epr_height);
-    EXPECT_DOUBLE_EQ(30000.0, s.bxf);
-    EXPECT_DOUBLE_EQ(45.0, s.baseline);
+    kssim_device_state s = state(cam);
+    EXPECT_EQ(std::make_tuple(640, 480, 30000.0, 45.0),
+              std::make_tuple(int{s.epr_width}, int{s.epr_height}, s.bxf, s.baseline));
 
     std::vector<uint8_t> bad = good;
     bad[1500] ^= 0x80;
     EXPECT_EQ(0x00, boot_with(xu, bad, 3));
-    ASSERT_EQ(0, kssim_camera_device_state(cam, &s));
-    EXPECT_EQ(0, s.epr_loaded);
+    EXPECT_EQ(0, state(cam).epr_loaded);
     // Back to the good slot.
     EXPECT_EQ(0xEA, boot_with(xu, good, 2));
 }

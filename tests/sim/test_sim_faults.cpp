@@ -23,15 +23,7 @@ class SimFaults : public SimTest {
     }
     const char* node() { return kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE); }
     int inject(kssim_fault_kind kind, uint32_t count, uint32_t duration_ms = 0, int32_t value = 0) {
-        const kssim_fault armed = {kind, count, duration_ms, value};
-        return kssim_camera_inject_fault(cam_, &armed);
-    }
-    void start(Capture& c) {
-        ASSERT_TRUE(c.open(node()));
-        ASSERT_EQ(0, c.set_format(640, 480));
-        ASSERT_EQ(8, c.map_buffers(8));
-        ASSERT_EQ(0, c.queue_all());
-        ASSERT_EQ(0, c.stream_on());
+        return SimTest::inject(cam_, kind, count, value, duration_ms);
     }
     // Frame ids, first bytes and sequence numbers of the next n frames.
     void frames(Capture& c, int n, std::vector<uint64_t>* ids, std::vector<int>* first,
@@ -40,9 +32,8 @@ class SimFaults : public SimTest {
         for (int i = 0; i < n; ++i) {
             v4l2_buffer b;
             ASSERT_EQ(0, c.next_frame(f, &b));
-            const frame_test::Frame fr(f.data(), 640, 480);
-            if (ids) ids->push_back(fr.frame_id());
-            if (first) first->push_back(fr.first_byte());
+            if (ids) ids->push_back(frame_test::Frame(f.data(), 640, 480).frame_id());
+            if (first) first->push_back(f[0]);
             if (seqs) seqs->push_back(b.sequence);
         }
     }
@@ -53,7 +44,7 @@ class SimFaults : public SimTest {
 
 TEST_F(SimFaults, UnplugFailsEveryRequestWakesSelectAndReplugComesBackFresh) {
     Capture c;
-    start(c);
+    c.start(node());
     Capture idle;  // a second descriptor, not streaming
     ASSERT_TRUE(idle.open(node()));
     std::vector<uint8_t> frame;
@@ -76,7 +67,6 @@ TEST_F(SimFaults, UnplugFailsEveryRequestWakesSelectAndReplugComesBackFresh) {
     v4l2_capability cap;
     EXPECT_EQ(ENODEV, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
     EXPECT_EQ(ENODEV, ioctl_errno(idle.fd(), VIDIOC_QUERYCAP, &cap));
-    EXPECT_EQ(ENODEV, ioctl_errno(idle.fd(), VIDIOC_G_INPUT, &cap));
     EXPECT_EQ(ENODEV, c.stream_off());
     EXPECT_EQ(MAP_FAILED, ks_sys_mmap(nullptr, 4096, PROT_READ, MAP_SHARED, c.fd(), 0));
     EXPECT_EQ(ENODEV, errno);
@@ -90,19 +80,14 @@ TEST_F(SimFaults, UnplugFailsEveryRequestWakesSelectAndReplugComesBackFresh) {
     c.close();
     idle.close();
     Capture n;
-    start(n);
+    n.start(node());
     std::vector<uint64_t> ids;
     std::vector<uint32_t> seqs;
     frames(n, 2, &ids, nullptr, &seqs);
     EXPECT_EQ(1u + seqs[0], ids[0]);  // a fresh camera counts from its first id again
 
-    // Unknown kinds and null faults are refused.
-    const kssim_fault bad = {static_cast<kssim_fault_kind>(KSSIM_FAULT_KIND_COUNT), 1, 0, 0};
-    EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, &bad));
-    EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, nullptr));
-}
-
-TEST_F(SimFaults, TimedUnplugReplugsOnTheVirtualClock) {
+    // Timed: it replugs on the virtual clock.
+    n.close();
     ASSERT_EQ(0, inject(KSSIM_FAULT_UNPLUG, 0, 2000));
     struct stat st;
     EXPECT_EQ(-1, ks_sys_stat(node(), &st));
@@ -113,29 +98,85 @@ TEST_F(SimFaults, TimedUnplugReplugsOnTheVirtualClock) {
     EXPECT_EQ(0, kssim_camera_fault_active(cam_, KSSIM_FAULT_UNPLUG));
 }
 
-TEST_F(SimFaults, StallStopsFramesForItsPeriodsAndTheIdsResumeInOrder) {
+TEST_F(SimFaults, FrameBufferAndFormatFaultsHaveTheirDocumentedEffects) {
+    // Bad markers and frozen ids last their frame counts; the frame being
+    // counted when the id froze got its own id, the next four repeat it.
+    std::vector<uint8_t> buf(640 * 480 * 3);
+    auto next = [&](uint64_t* id) {
+        EXPECT_EQ(static_cast<long>(buf.size()),
+                  kssim_camera_produce_frame(cam_, buf.data(), buf.size()));
+        *id = frame_test::Frame(buf.data(), 640, 480).frame_id();
+        return static_cast<int>(buf[0]);
+    };
+    uint64_t id = 0, prev = 0;
+    EXPECT_EQ(0xCE, next(&prev));
+    ASSERT_EQ(0, inject(KSSIM_FAULT_BAD_MARKER, 3, 0, 0x12));
+    ASSERT_EQ(0, inject(KSSIM_FAULT_FROZEN_FRAME_ID, 4));
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(i < 3 ? 0x12 : 0xCE, next(&id)) << i;
+        EXPECT_EQ(i >= 1 && i <= 4 ? prev : prev + 1, id) << i;
+        prev = id;
+    }
+    EXPECT_EQ(0, kssim_camera_fault_active(cam_, KSSIM_FAULT_BAD_MARKER));
+
     Capture c;
-    start(c);
+    ASSERT_TRUE(c.open(node()));
+    ASSERT_EQ(0, inject(KSSIM_FAULT_FEWER_BUFFERS, 1, 0, 4));
+    EXPECT_EQ(4, c.map_buffers(8));
+    c.unmap();
+    EXPECT_EQ(8, c.map_buffers(8));
+    c.unmap();
+    EXPECT_EQ(-1, inject(KSSIM_FAULT_FEWER_BUFFERS, 1, 0, 33));
+
+    v4l2_capability cap;
+    ASSERT_EQ(0, inject(KSSIM_FAULT_QUERYCAP_FAIL, 2));
+    EXPECT_EQ(EIO, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
+    EXPECT_EQ(EIO, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
+    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
+    ASSERT_EQ(0, inject(KSSIM_FAULT_QUERYCAP_FAIL, 0, 500));  // by virtual duration
+    EXPECT_EQ(EIO, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
+    ks_sys_usleep(600000);
+    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
+    ASSERT_EQ(0, inject(KSSIM_FAULT_QUERYCAP_FAIL, 0, 0, ENODEV));  // until cleared
+    EXPECT_EQ(ENODEV, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
+    ASSERT_EQ(0, kssim_camera_clear_fault(cam_, KSSIM_FAULT_QUERYCAP_FAIL));
+    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
+
+    ASSERT_EQ(0, inject(KSSIM_FAULT_S_FMT_FAIL, 1, 0, EINVAL));
+    EXPECT_EQ(EINVAL, c.set_format(640, 480));
+    v4l2_format f;
+    ASSERT_EQ(0, inject(KSSIM_FAULT_G_FMT_FAIL, 1));
+    f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    EXPECT_EQ(EIO, ioctl_errno(c.fd(), VIDIOC_G_FMT, &f));
+    ASSERT_EQ(0, inject(KSSIM_FAULT_OTHER_PIXFMT, 2));
+    ASSERT_EQ(0, c.set_format(640, 480, &f));
+    EXPECT_EQ(V4L2_PIX_FMT_YUYV, f.fmt.pix.pixelformat);
+    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_G_FMT, &f));
+    EXPECT_EQ(V4L2_PIX_FMT_YUYV, f.fmt.pix.pixelformat);
+    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_G_FMT, &f));
+    EXPECT_EQ(V4L2_PIX_FMT_BGR24, f.fmt.pix.pixelformat);
+
+    // Streamed frames carry a bad marker too; a stall stops them for its
+    // virtual period and advances neither the ids nor the sequence.
+    c.close();
+    c.start(node());
+    ASSERT_EQ(0, inject(KSSIM_FAULT_BAD_MARKER, 0, 0, 0));
+    std::vector<int> first;
     std::vector<uint64_t> ids;
     std::vector<uint32_t> seqs;
-    frames(c, 2, &ids, nullptr, &seqs);
-    ASSERT_EQ(0, inject(KSSIM_FAULT_STALL, 0, 3000));  // three seconds without frames
-    // Frames written before may still arrive; then nothing for a while.
-    std::vector<uint8_t> f;
+    frames(c, 10, &ids, &first, &seqs);
+    EXPECT_EQ(0x00, first.back());
+    ASSERT_EQ(0, inject(KSSIM_FAULT_STALL, 0, 3000));
     int r = 0;
-    for (int i = 0; i < 20 && (r = c.next_frame(f, nullptr, 400)) == 0; ++i) {
+    for (int i = 0; i < 20 && (r = c.next_frame(buf, nullptr, 400)) == 0; ++i) {
     }
     EXPECT_EQ(ETIMEDOUT, r);
-    EXPECT_EQ(1, kssim_camera_fault_active(cam_, KSSIM_FAULT_STALL));
     ks_sys_usleep(3000000);
     frames(c, 3, &ids, nullptr, &seqs);
-    // Frames lost to a slow reader advance both; the stall advanced neither.
     for (size_t i = 1; i < ids.size(); ++i) EXPECT_EQ(ids[i] - ids[i - 1], seqs[i] - seqs[i - 1]);
-
-    // By count: that many frame periods.
-    ASSERT_EQ(0, inject(KSSIM_FAULT_STALL, 5));
-    ks_sys_usleep(500000);
-    EXPECT_EQ(0, kssim_camera_fault_active(cam_, KSSIM_FAULT_STALL));
+    const kssim_fault bad = {static_cast<kssim_fault_kind>(KSSIM_FAULT_KIND_COUNT), 1, 0, 0};
+    EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, &bad));
+    EXPECT_EQ(-1, kssim_camera_inject_fault(cam_, nullptr));
 }
 
 TEST_F(SimFaults, CamerasStreamOnTheirOwnThreadsWhileAnotherUnplugsAndReplugs) {
@@ -176,7 +217,5 @@ TEST_F(SimFaults, CamerasStreamOnTheirOwnThreadsWhileAnotherUnplugsAndReplugs) {
     EXPECT_GT(frames_a.load(), 0);
     EXPECT_GT(frames_b.load(), 0);
     EXPECT_GE(gone.load(), 1);  // the reader of the unplugged camera saw ENODEV
-    kssim_camera_stats st;
-    ASSERT_EQ(0, kssim_camera_get_stats(other, &st));
-    EXPECT_EQ(0u, st.open_files);
+    EXPECT_EQ(0u, stats(other).open_files);
 }

@@ -16,38 +16,33 @@ class SimPipeline : public SimTest {
     void SetUp() override {
         SimTest::SetUp();
         ASSERT_EQ(0, kssim_world_set_warp(world_, 8.0));
-    }
-    void start(kssim_camera* cam) {
-        const char* node = kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE);
-        ASSERT_TRUE(cap_.open(node));
+        cam_ = add_camera([](kssim_camera_config& c) { c.initial_size = {640, 480}; });
+        ASSERT_NE(cam_, nullptr);
+        const char* node = kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE);
         ASSERT_TRUE(xu_.open(node));
-        ASSERT_EQ(0, cap_.set_format(640, 480));
-        ASSERT_EQ(8, cap_.map_buffers(8));
-        ASSERT_EQ(0, cap_.queue_all());
-        ASSERT_EQ(0, cap_.stream_on());
+        cap_.start(node);
     }
-    // Frames per second of virtual time, from the buffers' timestamps, after
-    // letting the frames already queued at the old rate pass.
-    double measure(int frames) {
+    // Reads frames (at most `tries`) until one satisfies `ok`.
+    template <typename Pred>
+    bool frame_where(Pred ok, int tries) {
         std::vector<uint8_t> f;
-        v4l2_buffer first{}, last{};
-        for (int i = 0; i < 9; ++i) EXPECT_EQ(0, cap_.next_frame(f));
-        EXPECT_EQ(0, cap_.next_frame(f, &first));
-        for (int i = 0; i < frames; ++i) EXPECT_EQ(0, cap_.next_frame(f, &last));
-        const int64_t us = (last.timestamp.tv_sec - first.timestamp.tv_sec) * 1000000 +
-                           (last.timestamp.tv_usec - first.timestamp.tv_usec);
-        return (last.sequence - first.sequence) * 1e6 / static_cast<double>(us);
+        for (int i = 0; i < tries; ++i) {
+            EXPECT_EQ(0, cap_.next_frame(f, nullptr, 30000));
+            if (ok(frame_test::Frame(f.data(), 640, 480))) return true;
+        }
+        return false;
     }
+    kssim_camera* cam_ = nullptr;
     Capture cap_;
     Client xu_;
 };
 
 }  // namespace
 
-TEST_F(SimPipeline, Ov9281FrameLengthChangesTheDeliveredRate) {
-    kssim_camera* cam = add_camera([](kssim_camera_config& c) { c.initial_size = {640, 480}; });
-    start(cam);
-    EXPECT_NEAR(30.0, measure(15), 0.5);
+TEST_F(SimPipeline, Ov9281FrameLengthChangesTheDeliveredRateOnTheVirtualClock) {
+    const int64_t v0 = simtest::virtual_now_us();
+    EXPECT_NEAR(30.0, cap_.measure_rate(30), 0.5);
+    EXPECT_GE(simtest::virtual_now_us() - v0, 900000);  // a second of virtual time
     // The host's sequence: bridge open, standby, frame length 1874, streaming.
     ASSERT_EQ(0, xu_.asic_write(0x31, 0x10));
     ASSERT_EQ(0, xu_.asic_write(0xF0, 3));
@@ -56,23 +51,20 @@ TEST_F(SimPipeline, Ov9281FrameLengthChangesTheDeliveredRate) {
     ASSERT_EQ(0, xu_.sensor_write(0x380F, 0x52));
     ASSERT_EQ(0, xu_.sensor_write(0x0100, 1));
     ASSERT_EQ(0, xu_.asic_write(0x31, 0));
-    EXPECT_NEAR(28110.0 / 1874, measure(10), 0.3);
+    cap_.measure_rate(9);  // frames already in the buffers came at the old rate
+    EXPECT_NEAR(28110.0 / 1874, cap_.measure_rate(10), 0.3);
 }
 
 TEST_F(SimPipeline, FramesStopWhileTheAsicIsHeldOrTheSensorsStandBy) {
-    kssim_camera* cam = add_camera([](kssim_camera_config& c) { c.initial_size = {640, 480}; });
-    start(cam);
     std::vector<uint8_t> f;
     ASSERT_EQ(0, cap_.next_frame(f));
     ASSERT_EQ(0, xu_.set_asic(0));
     // Frames in the buffers may still come out; then nothing.
     while (cap_.next_frame(f, nullptr, 300) == 0) {
     }
-    kssim_camera_stats before;
-    ASSERT_EQ(0, kssim_camera_get_stats(cam, &before));
+    const kssim_camera_stats before = stats(cam_);
     EXPECT_EQ(ETIMEDOUT, cap_.next_frame(f, nullptr, 500));
-    kssim_camera_stats after;
-    ASSERT_EQ(0, kssim_camera_get_stats(cam, &after));
+    const kssim_camera_stats after = stats(cam_);
     EXPECT_EQ(before.frames_produced, after.frames_produced);
     EXPECT_EQ(before.next_frame_id, after.next_frame_id);
 
@@ -91,29 +83,16 @@ TEST_F(SimPipeline, FramesStopWhileTheAsicIsHeldOrTheSensorsStandBy) {
 }
 
 TEST_F(SimPipeline, ChannelRegisterSwitchesTheStreamAndTheConstantsFollowTheEpr) {
-    kssim_camera* cam = add_camera([](kssim_camera_config& c) { c.initial_size = {640, 480}; });
-    start(cam);
-    std::vector<uint8_t> f;
     ASSERT_EQ(0, xu_.asic_write(0x51, KSSIM_CHANNEL_ORIGIN_PAIR));
-    bool seen = false;
-    for (int i = 0; i < 20 && !seen; ++i) {
-        ASSERT_EQ(0, cap_.next_frame(f, nullptr, 30000));
-        seen = frame_test::Frame(f.data(), 640, 480).channel() == KSSIM_CHANNEL_ORIGIN_PAIR;
-    }
-    EXPECT_TRUE(seen);
-
+    EXPECT_TRUE(frame_where(
+        [](const frame_test::Frame& f) { return f.channel() == KSSIM_CHANNEL_ORIGIN_PAIR; }, 20));
     // A new effective EPR takes effect at the next power-up: the metadata
-    // line then carries its constants.
+    // line then carries its constants (the new view is rendered first).
     std::vector<uint8_t> img(KSSIM_EPR_SIZE);
     ASSERT_EQ(0, kssim_epr_build(img.data(), 640, 480, 20000.0, 60.0, 5));
-    ASSERT_EQ(0, kssim_camera_eeprom_write(cam, 0, img.data(), img.size()));
+    ASSERT_EQ(0, kssim_camera_eeprom_write(cam_, 0, img.data(), img.size()));
     ASSERT_EQ(0, xu_.set_asic(0));
     ASSERT_EQ(0, xu_.set_asic(1));
-    seen = false;
-    for (int i = 0; i < 30 && !seen; ++i) {
-        ASSERT_EQ(0, cap_.next_frame(f, nullptr, 30000));  // the new view is rendered first
-        const frame_test::Frame fr(f.data(), 640, 480);
-        seen = fr.bf() == 20000.0 && fr.base() == 60.0;
-    }
-    EXPECT_TRUE(seen);
+    EXPECT_TRUE(frame_where(
+        [](const frame_test::Frame& f) { return f.bf() == 20000.0 && f.base() == 60.0; }, 30));
 }

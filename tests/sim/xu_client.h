@@ -1,12 +1,9 @@
-// A small, independent client of the camera's control channel for the tests:
-// 320-byte blocks through UVCIOC_CTRL_QUERY on unit 3 selector 1, and the
-// message protocol inside them, written from the wire format alone (it
-// shares no code with the simulator or the library).
-//
-// Block: header of eight big-endian words (tag 01 02 03 04, id, timestamp,
-// reserved, command, parameter, length, byte-sum checksum), the data, and
-// byte 319 = 1 marking a new request. The reply carries the command with
-// bit 31 set.
+// A small, independent client of the camera's control channel, written from
+// the wire format alone (it shares no code with the simulator or the library):
+// 320-byte blocks through UVCIOC_CTRL_QUERY on unit 3 selector 1. A block is
+// eight big-endian words (tag 01 02 03 04, id, timestamp, reserved, command,
+// parameter, length, byte-sum checksum), the data, and byte 319 = 1 marking a
+// new request. The reply carries the command with bit 31 set.
 #ifndef KSSIM_TEST_XU_CLIENT_H
 #define KSSIM_TEST_XU_CLIENT_H
 
@@ -39,22 +36,18 @@ inline void put_be32(uint8_t* p, uint32_t v) {
 }
 
 struct Message {
-    uint32_t tag = 0, id = 0, timestamp = 0, reserved = 0, command = 0, parameter = 0, length = 0,
-             checksum = 0;
+    uint32_t tag = 0, id = 0, command = 0, parameter = 0, length = 0, checksum = 0;
     std::vector<uint8_t> data;  // as many bytes as the block holds, at most length
 
     static Message parse(const Block& b) {
         Message m;
         m.tag = be32(&b[0]);
         m.id = be32(&b[4]);
-        m.timestamp = be32(&b[8]);
-        m.reserved = be32(&b[12]);
         m.command = be32(&b[16]);
         m.parameter = be32(&b[20]);
         m.length = be32(&b[24]);
         m.checksum = be32(&b[28]);
-        const size_t n = m.length < 288 ? m.length : 288;
-        m.data.assign(b.begin() + 32, b.begin() + 32 + static_cast<long>(n));
+        m.data.assign(b.begin() + 32, b.begin() + 32 + (m.length < 288 ? m.length : 288));
         return m;
     }
     uint32_t data_sum() const {
@@ -64,7 +57,7 @@ struct Message {
     }
 };
 
-// A request block; the checksum is the byte sum unless given.
+// A request block with the byte-sum checksum.
 inline Block request(uint32_t id, uint32_t command, uint32_t parameter,
                      const std::vector<uint8_t>& data, bool new_flag = true) {
     Block b{};
@@ -74,10 +67,7 @@ inline Block request(uint32_t id, uint32_t command, uint32_t parameter,
     put_be32(&b[20], parameter);
     put_be32(&b[24], static_cast<uint32_t>(data.size()));
     uint32_t sum = 0;
-    for (size_t i = 0; i < data.size() && i < 287; ++i) {
-        b[32 + i] = data[i];
-        sum += data[i];
-    }
+    for (size_t i = 0; i < data.size() && i < 287; ++i) sum += b[32 + i] = data[i];
     put_be32(&b[28], sum);
     b[319] = new_flag ? 1 : 0;
     return b;
@@ -94,12 +84,10 @@ class Client {
         if (fd_ >= 0) ks_sys_close(fd_);
         fd_ = -1;
     }
-    int fd() const { return fd_; }
 
     // One UVCIOC_CTRL_QUERY: 0 or the errno.
     int query(uint8_t code, uint8_t* data, uint16_t size, uint8_t unit = 3, uint8_t selector = 1) {
-        uvc_xu_control_query q;
-        std::memset(&q, 0, sizeof(q));
+        uvc_xu_control_query q{};
         q.unit = unit;
         q.selector = selector;
         q.query = code;
@@ -109,13 +97,18 @@ class Client {
     }
     int send(Block b) { return query(UVC_SET_CUR, b.data(), 320); }
     int receive(Block& b) { return query(UVC_GET_CUR, b.data(), 320); }
-
-    // Sends a request and reads blocks until one carries the reply flag (at
-    // most `tries`). 0 with the reply, or the errno of a failed read, or
-    // ETIMEDOUT when no block carried the flag.
-    int exchange_raw(const Block& req, Message* reply, int tries = 8) {
+    Message next(const Block& req) {  // one request, one block read back
+        Block b{};
         send(req);
-        for (int i = 0; i < tries; ++i) {
+        receive(b);
+        return Message::parse(b);
+    }
+
+    // Reads until a block carries the reply flag: 0, a read's errno, or
+    // ETIMEDOUT.
+    int exchange_raw(const Block& req, Message* reply) {
+        send(req);
+        for (int i = 0; i < 8; ++i) {
             Block b{};
             if (int e = receive(b)) return e;
             Message m = Message::parse(b);
@@ -136,7 +129,6 @@ class Client {
         return 0;
     }
 
-    // ---- commands
     int version(std::string* text) {
         Message m;
         if (int e = exchange(1, 0, {}, &m, 32)) return e;
@@ -192,16 +184,21 @@ class Client {
     int fpga_read(uint16_t reg, uint8_t* v) { return read1(0xC1, reg, v); }
     int fpga_write(uint16_t reg, uint8_t v) { return i2c_write(0xC0, reg, {v}); }
     int set_gpio(uint8_t pin, uint8_t value) { return exchange(10, 0, {0x00, pin, value}); }
-    int get_gpio(uint8_t pin, uint8_t* value) {
-        Message m;
-        if (int e = exchange(10, 0, {0x01, pin}, &m, 1)) return e;
-        *value = m.data[0];
-        return 0;
-    }
     int status(uint8_t* s) {
         Message m;
         if (int e = exchange(11, 0, {}, &m, 1)) return e;
         *s = m.data[0];
+        return 0;
+    }
+    // IMU records of 16 bytes, oldest first.
+    int imu(std::vector<std::array<uint8_t, 16>>* records) {
+        Message m;
+        if (int e = exchange(13, 0, {}, &m)) return e;
+        records->clear();
+        for (size_t i = 0; i + 16 <= m.data.size(); i += 16) {
+            records->emplace_back();
+            std::memcpy(records->back().data(), m.data.data() + i, 16);
+        }
         return 0;
     }
     int set_asic(uint8_t state) { return exchange(14, 0, {state}); }
@@ -211,8 +208,7 @@ class Client {
         *n = be32(m.data.data());
         return 0;
     }
-
-    // Sensor bridge of the ASIC: one command to both sensors.
+    // The ASIC's sensor bridge: one command to both sensors.
     int sensor_write(uint16_t reg, uint8_t value) {
         for (auto [r, v] : {std::pair<uint16_t, uint8_t>{0xF1, reg >> 8},
                             {0xF2, reg & 0xFF},
@@ -226,6 +222,10 @@ class Client {
     int fd_ = -1;
     uint32_t id_ = 0;
 };
+
+inline uint16_t imu_counter(const std::array<uint8_t, 16>& r) {
+    return static_cast<uint16_t>(r[14] | (r[15] << 8));
+}
 
 }  // namespace xutest
 
