@@ -161,9 +161,7 @@ class Client {
     int update_eeprom(uint8_t slot) { return exchange(5, 0, {slot}); }
     int i2c_read(uint8_t dev, uint16_t reg, uint32_t n, std::vector<uint8_t>* out) {
         Message m;
-        const std::vector<uint8_t> len = {static_cast<uint8_t>(n), static_cast<uint8_t>(n >> 8),
-                                          static_cast<uint8_t>(n >> 16),
-                                          static_cast<uint8_t>(n >> 24)};
+        const std::vector<uint8_t> len = {uint8_t(n), uint8_t(n >> 8), uint8_t(n >> 16), 0};
         if (int e = exchange(6, uint32_t{dev} << 16 | reg, len, &m, n)) return e;
         *out = m.data;
         return 0;
