@@ -26,8 +26,7 @@
 
 #include "driver/driver_cpp/source/KSDisparityCommon.h"
 #include "tests/processing/processing_camera.h"
-#include "tests/processing/scene_frames.h"
-#include "tests/processing/scene_metrics.h"
+#include "tests/processing/scene_frame.h"
 
 #ifdef KS_BENCH_WITH_OPENCV
 #include <opencv2/calib3d.hpp>
@@ -62,8 +61,8 @@ const SceneFrame& room() {
     static SceneFrame frame;
     static bool made = false;
     if (!made) {
-        made = render_scene_frame(KSSIM_SCENE_ROOM, 0.0, kWidth, kHeight,
-                                  KSSIM_CHANNEL_ORIGIN_DISPARITY, true, &frame);
+        made = frame.render(KSSIM_SCENE_ROOM, 0.0, kWidth, kHeight,
+                            KSSIM_CHANNEL_ORIGIN_DISPARITY);
     }
     return frame;
 }
@@ -271,11 +270,11 @@ void RoomSceneQuality(benchmark::State& state) {
     }
     // Truth at the output pixel, and at the pixel the output was taken from
     // (3 rows down, 22 columns right).
-    const MapQuality raw = map_quality(f.disparity, f.truth_mm, f.bxf, kWidth, kHeight);
-    const MapQuality d = map_quality(dense, f.truth_mm, f.bxf, kWidth, kHeight);
-    const MapQuality ds = map_quality(dense, f.truth_mm, f.bxf, kWidth, kHeight, 0, 3, 22);
-    const MapQuality fl = map_quality(filtered, f.truth_mm, f.bxf, kWidth, kHeight);
-    const MapQuality fs = map_quality(filtered, f.truth_mm, f.bxf, kWidth, kHeight, 0, 3, 22);
+    const MapQuality raw = map_quality(f, f.disparity);
+    const MapQuality d = map_quality(f, dense);
+    const MapQuality ds = map_quality(f, dense, 0, 3, 22);
+    const MapQuality fl = map_quality(f, filtered);
+    const MapQuality fs = map_quality(f, filtered, 0, 3, 22);
     state.counters["valid_raw"] = raw.valid_share;
     state.counters["valid_dense"] = d.valid_share;
     state.counters["valid_filter"] = fl.valid_share;

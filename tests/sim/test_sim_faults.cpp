@@ -127,6 +127,8 @@ TEST_F(SimFaults, FrameBufferAndFormatFaultsHaveTheirDocumentedEffects) {
     EXPECT_EQ(8, c.map_buffers(8));
     c.unmap();
     EXPECT_EQ(-1, inject(KSSIM_FAULT_FEWER_BUFFERS, 1, 0, 33));
+    c.close();  // the format is fixed while buffers are allocated
+    ASSERT_TRUE(c.open(node()));
 
     v4l2_capability cap;
     ASSERT_EQ(0, inject(KSSIM_FAULT_QUERYCAP_FAIL, 2));

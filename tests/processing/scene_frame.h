@@ -1,0 +1,95 @@
+// Frames of the virtual camera's scenes as the library's RGBD parser hands
+// them to the processing, with the scene's ground truth per pixel, and how
+// close a disparity map comes to that truth. Shared by the scene tests and
+// the processing benchmark.
+#ifndef KS_TEST_SCENE_FRAME_H
+#define KS_TEST_SCENE_FRAME_H
+
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "sim/kssim.h"
+
+// The grey plane and the disparity plane (row y from source line y + 3,
+// row 0 and the last three rows empty), with the depth along the optical
+// axis per pixel.
+struct SceneFrame {
+    uint16_t width = 0, height = 0;
+    float bxf = 0.0f, baseline = 0.0f;
+    std::vector<uint8_t> grey;
+    std::vector<uint16_t> disparity;
+    std::vector<double> truth_mm;  // 0: nothing
+
+    // channel: KSSIM_CHANNEL_ORIGIN_DISPARITY (raw, with holes and speckles)
+    // or KSSIM_CHANNEL_RGBD (processed). False when the camera cannot be made.
+    bool render(kssim_scene_kind kind, double distance_mm, uint16_t w, uint16_t h,
+                uint8_t channel) {
+        kssim_world* world = kssim_world_create();
+        kssim_camera_config cfg;
+        kssim_camera_config_init(&cfg);
+        cfg.scene.kind = kind;
+        cfg.scene.distance_mm = distance_mm;
+        cfg.scene.seed = 7;
+        cfg.initial_size = {w, h};
+        cfg.output_channel = channel;
+        cfg.has_imu = 0;
+        kssim_camera* cam = world ? kssim_world_add_camera(world, &cfg) : nullptr;
+        const size_t pixels = size_t{w} * h;
+        std::vector<uint8_t> src(pixels * 3);
+        const bool ok = cam != nullptr && kssim_camera_produce_frame(cam, src.data(), src.size()) ==
+                                              static_cast<long>(src.size());
+        width = w, height = h;
+        bxf = static_cast<float>(cfg.bxf), baseline = static_cast<float>(cfg.baseline);
+        grey.assign(pixels, 0);
+        disparity.assign(pixels, 0);
+        truth_mm.assign(pixels, 0.0);
+        for (size_t i = 0; ok && i < pixels; ++i) {
+            grey[i] = src[3 * i + 2];
+            if (i >= 4u * w)
+                disparity[i - 3u * w] = uint16_t(((src[3 * i + 1] & 0x0F) << 8) | src[3 * i]);
+            kssim_camera_true_distance(cam, uint32_t(i % w), uint32_t(i / w), &truth_mm[i]);
+        }
+        if (world) kssim_world_destroy(world);
+        return ok;
+    }
+};
+
+struct MapQuality {
+    double valid_share = 0.0;    // non-zero pixels / pixels looked at
+    double outlier_share = 0.0;  // valid pixels more than 10 % off the truth
+    double mean_error_mm = 0.0;  // mean |32 x bxf / d - truth| over valid pixels with truth
+};
+
+// Over the pixels at least margin away from every edge; the truth of pixel
+// (r, c) is looked up at (r + truth_rows, c + truth_cols), since the
+// processing outputs carry the disparity of a pixel further down and right.
+inline MapQuality map_quality(const SceneFrame& f, const std::vector<uint16_t>& d, int margin = 0,
+                              int truth_rows = 0, int truth_cols = 0) {
+    size_t pixels = 0, valid = 0, compared = 0, outliers = 0;
+    double error = 0.0;
+    for (int r = margin; r < f.height - margin; ++r) {
+        for (int c = margin; c < f.width - margin; ++c, ++pixels) {
+            const uint16_t v = d[size_t(r) * f.width + c];
+            if (v == 0) continue;
+            ++valid;
+            const int tr = r + truth_rows, tc = c + truth_cols;
+            if (tr < 0 || tr >= f.height || tc < 0 || tc >= f.width) continue;
+            const double t = f.truth_mm[size_t(tr) * f.width + size_t(tc)];
+            if (!(t > 0.0)) continue;
+            const double e = std::fabs(32.0 * f.bxf / v - t);
+            error += e;
+            outliers += e > 0.1 * t;
+            ++compared;
+        }
+    }
+    MapQuality q;
+    q.valid_share = pixels == 0 ? 0.0 : double(valid) / pixels;
+    if (compared != 0) {
+        q.outlier_share = double(outliers) / compared;
+        q.mean_error_mm = error / compared;
+    }
+    return q;
+}
+
+#endif
