@@ -216,6 +216,11 @@ TEST_F(SimChips, ImuDeliversRecordsWithAWrappingCounter) {
             counters.push_back(xutest::imu_counter(r));
         }
     }
+    // Samples taken between the drain and the new counter value keep the old
+    // numbering; the wrap is shown from the first one that has the new.
+    const auto first = std::find_if(counters.begin(), counters.end(),
+                                    [](uint16_t c) { return c >= 65530; });
+    counters.erase(counters.begin(), first);
     ASSERT_GE(counters.size(), 8u);
     for (size_t i = 1; i < counters.size(); ++i)
         EXPECT_EQ(static_cast<uint16_t>(counters[i - 1] + 1), counters[i]);
