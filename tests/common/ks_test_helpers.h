@@ -1,23 +1,42 @@
-// Small helpers shared by the tests of common/: temporary directories,
-// capture of standard output or error, whole-file reads.
+// Small helpers shared by the tests of common/: temporary directories, the
+// working directory, capture of standard output or error, whole-file reads.
 #ifndef KS_TEST_HELPERS_H
 #define KS_TEST_HELPERS_H
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <ftw.h>
+#include <ctype.h>
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 namespace ks_test {
+
+inline std::string read_file(const std::string& path) {
+    std::stringstream ss;
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
+    return ss.str();
+}
+
+inline void write_file(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+inline bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+inline long long file_size(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
 
 // A fresh directory under /tmp, removed with everything in it.
 class TempDir {
@@ -28,9 +47,8 @@ class TempDir {
         path_ = made != nullptr ? made : "";
     }
     ~TempDir() {
-        if (!path_.empty()) {
-            nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-        }
+        std::error_code ignored;
+        if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
@@ -39,11 +57,23 @@ class TempDir {
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
   private:
-    static int remove_entry(const char* p, const struct stat*, int, struct FTW*) {
-        remove(p);
-        return 0;
-    }
     std::string path_;
+};
+
+// The working directory is dir for the lifetime of the object.
+class ScopedCwd {
+  public:
+    explicit ScopedCwd(const std::string& dir) : saved_(std::filesystem::current_path()) {
+        std::filesystem::current_path(dir);
+    }
+    ~ScopedCwd() {
+        std::error_code ec;
+        std::filesystem::current_path(saved_, ec);
+        EXPECT_FALSE(ec) << "cannot restore the working directory";
+    }
+
+  private:
+    std::filesystem::path saved_;
 };
 
 // Sends a standard stream's descriptor (1 or 2) to a file until text() is called.
@@ -68,10 +98,7 @@ class FdCapture {
     // Restores the stream and returns what was written meanwhile.
     std::string text() {
         restore();
-        std::ifstream in(file_);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
+        return read_file(file_);
     }
 
   private:
@@ -88,36 +115,13 @@ class FdCapture {
     std::string file_;
 };
 
-inline std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-inline void write_file(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-}
-
-inline bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
-inline long long file_size(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-}
-
-// Names in a directory, sorted, without "." and "..".
-inline std::vector<std::string> dir_names(const std::string& dir) {
+// Names in a directory that start with prefix, sorted.
+inline std::vector<std::string> dir_names(const std::string& dir, const std::string& prefix = "") {
     std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d)) {
-            std::string n = e->d_name;
-            if (n != "." && n != "..") names.push_back(n);
-        }
-        closedir(d);
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+        std::string n = entry.path().filename();
+        if (n.compare(0, prefix.size(), prefix) == 0) names.push_back(n);
     }
     std::sort(names.begin(), names.end());
     return names;
@@ -126,8 +130,7 @@ inline std::vector<std::string> dir_names(const std::string& dir) {
 inline std::vector<std::string> split_lines(const std::string& text) {
     std::vector<std::string> lines;
     std::stringstream ss(text);
-    std::string line;
-    while (std::getline(ss, line)) lines.push_back(line);
+    for (std::string line; std::getline(ss, line);) lines.push_back(line);
     return lines;
 }
 
@@ -136,8 +139,8 @@ inline std::vector<std::string> split_lines(const std::string& text) {
 inline bool like(const std::string& text, const std::string& pattern) {
     if (text.size() != pattern.size()) return false;
     for (size_t i = 0; i < text.size(); ++i) {
-        const bool ok =
-            pattern[i] == '#' ? (text[i] >= '0' && text[i] <= '9') : text[i] == pattern[i];
+        const bool ok = pattern[i] == '#' ? isdigit(static_cast<unsigned char>(text[i])) != 0
+                                          : text[i] == pattern[i];
         if (!ok) return false;
     }
     return true;

@@ -12,6 +12,7 @@
 
 using ks_test::exists;
 using ks_test::read_file;
+using ks_test::ScopedCwd;
 using ks_test::TempDir;
 using ks_test::write_file;
 
@@ -26,6 +27,20 @@ struct Parts {
         ks_free(b);
     }
 };
+
+// "result|first|second" of a split, "null" for an output left unset.
+std::string split(int (*fn)(const char*, char**, char**), const char* path) {
+    Parts p;
+    const int rc = fn(path, &p.a, &p.b);
+    return std::to_string(rc) + "|" + (p.a ? p.a : "null") + "|" + (p.b ? p.b : "null");
+}
+
+// "result|text" of a cut at '.' into a buffer that held "kept".
+std::string cut(const char* src, int n) {
+    char dst[KS_LIST_ITEM_SIZE] = "kept";
+    const int rc = ks_cut(dst, src, ".", n);
+    return std::to_string(rc) + "|" + dst;
+}
 
 std::vector<std::string> list_items(const std::string& dir, int type, const char* filter,
                                     int ext_mode) {
@@ -42,68 +57,26 @@ std::vector<std::string> list_items(const std::string& dir, int type, const char
     return out;
 }
 
-// Runs the body with the working directory set to dir.
-class ScopedCwd {
-  public:
-    explicit ScopedCwd(const std::string& dir) {
-        if (getcwd(saved_, sizeof(saved_)) == nullptr) saved_[0] = '\0';
-        EXPECT_EQ(0, chdir(dir.c_str()));
-    }
-    ~ScopedCwd() {
-        if (saved_[0] != '\0' && chdir(saved_) != 0) ADD_FAILURE() << "cannot restore cwd";
-    }
-
-  private:
-    char saved_[PATH_MAX];
-};
-
 }  // namespace
 
-TEST(FileUtils, SplitPathAndExtension) {
-    Parts p;
-    ASSERT_EQ(0, ks_split_path("a/b/", &p.a, &p.b));
-    EXPECT_STREQ("a/b", p.a);
-    EXPECT_STREQ("", p.b);
+TEST(FileUtils, SplitAndJoinPaths) {
+    EXPECT_EQ("0|a/b|", split(ks_split_path, "a/b/"));
+    EXPECT_EQ("0|/var/log|sdk.log", split(ks_split_path, "/var/log/sdk.log"));
+    EXPECT_EQ("0||x", split(ks_split_path, "/x"));
+    EXPECT_EQ("-2|null|null", split(ks_split_path, "plain"));
+    EXPECT_EQ("-1|null|null", split(ks_split_path, nullptr));
+    EXPECT_EQ("0|dir/f.tar|.gz", split(ks_split_ext, "dir/f.tar.gz"));
+    EXPECT_EQ("-1|null|null", split(ks_split_ext, "dir/file"));
+    EXPECT_EQ("-1|null|null", split(ks_split_ext, nullptr));
 
-    Parts q;
-    ASSERT_EQ(0, ks_split_path("/var/log/sdk.log", &q.a, &q.b));
-    EXPECT_STREQ("/var/log", q.a);
-    EXPECT_STREQ("sdk.log", q.b);
-
-    Parts root;
-    ASSERT_EQ(0, ks_split_path("/x", &root.a, &root.b));
-    EXPECT_STREQ("", root.a);
-    EXPECT_STREQ("x", root.b);
-
-    Parts none;
-    EXPECT_EQ(-2, ks_split_path("plain", &none.a, &none.b));
-    EXPECT_EQ(nullptr, none.a);
-    EXPECT_EQ(nullptr, none.b);
-    EXPECT_EQ(-1, ks_split_path(nullptr, &none.a, &none.b));
-
-    Parts e;
-    ASSERT_EQ(0, ks_split_ext("dir/f.tar.gz", &e.a, &e.b));
-    EXPECT_STREQ("dir/f.tar", e.a);
-    EXPECT_STREQ(".gz", e.b);
-    Parts noext;
-    EXPECT_EQ(-1, ks_split_ext("dir/file", &noext.a, &noext.b));
-    EXPECT_EQ(nullptr, noext.a);
-    EXPECT_EQ(-1, ks_split_ext(nullptr, &noext.a, &noext.b));
-}
-
-TEST(FileUtils, JoinPathsWithExactlyOneSlash) {
-    struct Case {
-        const char* a;
-        const char* b;
-        const char* joined;
-    } cases[] = {
-        {"a/", "/b", "a/b"}, {"a", "b", "a/b"}, {"", "b", "b"},  {"a", "/b", "a/b"},
-        {"a/", "b", "a/b"},  {"/", "b", "/b"},  {"a", "", "a/"},
-    };
-    for (const Case& c : cases) {
+    // Two parts are joined with exactly one slash.
+    const char* joins[][3] = {{"a/", "/b", "a/b"}, {"a", "b", "a/b"},  {"", "b", "b"},
+                              {"a", "/b", "a/b"},  {"a/", "b", "a/b"}, {"/", "b", "/b"},
+                              {"a", "", "a/"}};
+    for (const auto& j : joins) {
         Parts p;
-        ASSERT_EQ(0, ks_join_two_path(c.a, c.b, &p.a)) << c.a << " + " << c.b;
-        EXPECT_STREQ(c.joined, p.a) << c.a << " + " << c.b;
+        ASSERT_EQ(0, ks_join_two_path(j[0], j[1], &p.a)) << j[0] << " + " << j[1];
+        EXPECT_STREQ(j[2], p.a) << j[0] << " + " << j[1];
     }
     Parts bad;
     EXPECT_EQ(-1, ks_join_two_path(nullptr, "b", &bad.a));
@@ -119,33 +92,22 @@ TEST(FileUtils, JoinPathsWithExactlyOneSlash) {
 }
 
 TEST(FileUtils, CutPicksTokensFromEitherEnd) {
-    char dst[KS_LIST_ITEM_SIZE] = "untouched";
-    EXPECT_EQ(0, ks_cut(dst, "x.y.z", ".", -1));
-    EXPECT_STREQ("z", dst);
-    EXPECT_EQ(0, ks_cut(dst, "x.y.z", ".", 1));
-    EXPECT_STREQ("x", dst);
-    EXPECT_EQ(0, ks_cut(dst, "x.y.z", ".", -3));
-    EXPECT_STREQ("x", dst);
-    EXPECT_EQ(0, ks_cut(dst, "..x..y", ".", 2));  // empty tokens do not count
-    EXPECT_STREQ("y", dst);
-
-    strcpy(dst, "kept");
-    EXPECT_EQ(1, ks_cut(dst, "x.y.z", ".", 4));
-    EXPECT_EQ(1, ks_cut(dst, "x.y.z", ".", -4));
-    EXPECT_EQ(1, ks_cut(dst, "", ".", 1));
-    EXPECT_STREQ("kept", dst);
-    EXPECT_EQ(-1, ks_cut(dst, "x.y", ".", 0));
+    EXPECT_EQ("0|z", cut("x.y.z", -1));
+    EXPECT_EQ("0|x", cut("x.y.z", 1));
+    EXPECT_EQ("0|x", cut("x.y.z", -3));
+    EXPECT_EQ("0|y", cut("..x..y", 2));  // empty tokens do not count
+    EXPECT_EQ("1|kept", cut("x.y.z", 4));
+    EXPECT_EQ("1|kept", cut("x.y.z", -4));
+    EXPECT_EQ("1|kept", cut("", 1));
+    EXPECT_EQ("-1|kept", cut("x.y", 0));
+    EXPECT_EQ("-1|kept", cut(nullptr, 1));
     EXPECT_EQ(-1, ks_cut(nullptr, "x.y", ".", 1));
-    EXPECT_EQ(-1, ks_cut(dst, nullptr, ".", 1));
 
     // Longer input is cut to 255 characters: the first token is cut with it
     // and what lies beyond is gone.
-    std::string longer(400, 'a');
-    longer += ".tail";
-    std::vector<char> exact(KS_LIST_ITEM_SIZE);
-    EXPECT_EQ(0, ks_cut(exact.data(), longer.c_str(), ".", 1));
-    EXPECT_EQ(std::string(KS_LIST_ITEM_SIZE - 1, 'a'), exact.data());
-    EXPECT_EQ(1, ks_cut(exact.data(), longer.c_str(), ".", 2));
+    const std::string longer = std::string(400, 'a') + ".tail";
+    EXPECT_EQ("0|" + std::string(KS_LIST_ITEM_SIZE - 1, 'a'), cut(longer.c_str(), 1));
+    EXPECT_EQ("1|kept", cut(longer.c_str(), 2));
 
     // Only the token and its terminator are written.
     char small[8];
@@ -388,30 +350,18 @@ TEST(FileUtils, ListItemsByTypeWithFilter) {
 
     const char* words[] = {"sdk_20240102", "b", "sdk_20231231", "a"};
     qsort_string_list(words, 4);
-    EXPECT_STREQ("a", words[0]);
-    EXPECT_STREQ("b", words[1]);
-    EXPECT_STREQ("sdk_20231231", words[2]);
-    EXPECT_STREQ("sdk_20240102", words[3]);
-}
+    EXPECT_EQ((V{"a", "b", "sdk_20231231", "sdk_20240102"}), V(words, words + 4));
 
-TEST(FileUtils, RecursiveListingDepthIsBounded) {
-    TempDir tmp;
+    // Recursion stops KS_LIST_MAX_DEPTH levels below the listed directory.
     std::string dir = tmp / "r";
     ASSERT_EQ(0, ks_mkdir(dir.c_str()));
-    for (int level = 0; level <= KS_LIST_MAX_DEPTH + 5; ++level) {
+    for (int level = 0; level <= KS_LIST_MAX_DEPTH + 5; ++level, dir += "/d") {
         write_file(dir + "/f", "x");
-        dir += "/d";
-        ASSERT_EQ(0, mkdir(dir.c_str(), 0775));
+        ASSERT_EQ(0, mkdir((dir + "/d").c_str(), 0775));
     }
     set_list_items_recursive_mode(1);
-    char** list = nullptr;
-    unsigned count = 0;
-    EXPECT_EQ(0, ks_list_items_by_type_with_filter((tmp / "r").c_str(), KS_ITEM_TYPE_FILE, "f", 0,
-                                                   &list, &count));
+    EXPECT_EQ(static_cast<size_t>(KS_LIST_MAX_DEPTH + 1), list_items(tmp / "r", F, "f", 0).size());
     set_list_items_recursive_mode(0);
-    // The listed directory plus KS_LIST_MAX_DEPTH levels below it.
-    EXPECT_EQ(static_cast<unsigned>(KS_LIST_MAX_DEPTH + 1), count);
-    ks_free_list_items(&list, &count);
 }
 
 TEST(FileUtils, ShellCommands) {

@@ -14,6 +14,7 @@ using ks_test::FdCapture;
 using ks_test::file_size;
 using ks_test::like;
 using ks_test::read_file;
+using ks_test::ScopedCwd;
 using ks_test::split_lines;
 using ks_test::TempDir;
 using ks_test::write_file;
@@ -47,34 +48,15 @@ int write_until(Pred done) {
     return 0;
 }
 
-void write_lines(int n, int level = LOG_ERROR) {
-    for (int i = 0; i < n; ++i) log_log(level, kModule, i, "line %d", i);
-}
-
-// Names in dir of the shape of pattern (see like()).
-std::vector<std::string> matching(const std::string& dir, const std::string& pattern) {
-    std::vector<std::string> out;
-    for (const std::string& n : dir_names(dir)) {
-        if (like(n, pattern)) out.push_back(n);
-    }
-    return out;
-}
-
-std::vector<std::string> starting_with(const std::string& dir, const std::string& prefix) {
-    std::vector<std::string> out;
-    for (const std::string& n : dir_names(dir)) {
-        if (n.compare(0, prefix.size(), prefix) == 0) out.push_back(n);
-    }
-    return out;
+void write_lines(int n) {
+    for (int i = 0; i < n; ++i) log_log(LOG_ERROR, kModule, i, "line %d", i);
 }
 
 // The time stamp of a rotated file name.
 const std::string kStamp(14, '#');
 
 std::string rotated_name(int i) {
-    char name[64];
-    snprintf(name, sizeof(name), "sdk_202001010000%02d.log", i);
-    return name;
+    return "sdk_202001010000" + std::string(i < 10 ? "0" : "") + std::to_string(i) + ".log";
 }
 
 // Every test starts from and returns to the logger's defaults.
@@ -214,7 +196,7 @@ TEST_F(Log, RotatesPastOneHundredMebibytesOnThe8002ndWrite) {
     // check first, after which the count starts from zero.
     inflate(live);
     ASSERT_GT(write_until([&] { return file_size(live) < kRotateSize; }), 0);
-    for (const std::string& n : starting_with(tmp.path(), "sdk_")) remove((tmp / n).c_str());
+    for (const std::string& n : dir_names(tmp.path(), "sdk_")) remove((tmp / n).c_str());
 
     inflate(live);
     for (int i = 0; i < kWritesPerCheck - 1; ++i) {
@@ -222,11 +204,12 @@ TEST_F(Log, RotatesPastOneHundredMebibytesOnThe8002ndWrite) {
         log_log(LOG_DEBUG, kModule, i, "filtered, not counted");
     }
     EXPECT_GT(file_size(live), kRotateSize);
-    EXPECT_TRUE(starting_with(tmp.path(), "sdk_").empty());
+    EXPECT_TRUE(dir_names(tmp.path(), "sdk_").empty());
 
     log_log(LOG_ERROR, kModule, 1, "the 8002nd");
-    const std::vector<std::string> rotated = matching(tmp.path(), "sdk_" + kStamp + ".log");
+    const std::vector<std::string> rotated = dir_names(tmp.path(), "sdk_");
     ASSERT_EQ(1u, rotated.size());
+    EXPECT_TRUE(like(rotated[0], "sdk_" + kStamp + ".log")) << rotated[0];
     EXPECT_EQ((std::vector<std::string>{"deeper", "sdk.log", rotated[0]}), dir_names(tmp.path()));
     EXPECT_GT(file_size(tmp / rotated[0]), kRotateSize);
     EXPECT_NE(std::string::npos, read_file(tmp / rotated[0]).find("the 8002nd"));
@@ -240,22 +223,22 @@ TEST_F(Log, KeepsAtMostNineRotatedFilesRemovingOnePerCheck) {
     write_file(tmp / "other.log", "not ours");
     const std::string live = tmp / "sdk.log";
     ASSERT_EQ(0, ks_init_log(live.c_str()));
-    EXPECT_EQ(10u, starting_with(tmp.path(), "sdk_").size());  // ten are allowed at start-up
+    EXPECT_EQ(10u, dir_names(tmp.path(), "sdk_").size());  // ten are allowed at start-up
 
     // Run to the next check (the count may have been advanced before): it
     // removes the oldest, and the count starts from zero.
     ASSERT_GT(write_until([&] { return !exists(tmp / rotated_name(1)); }), 0);
-    EXPECT_EQ(9u, starting_with(tmp.path(), "sdk_").size());
+    EXPECT_EQ(9u, dir_names(tmp.path(), "sdk_").size());
 
     write_file(tmp / rotated_name(11), "new");
     write_file(tmp / rotated_name(12), "new");
     write_lines(kWritesPerCheck - 1);
-    EXPECT_EQ(11u, starting_with(tmp.path(), "sdk_").size());
+    EXPECT_EQ(11u, dir_names(tmp.path(), "sdk_").size());
     write_lines(1);
     // One per check, the oldest; a small live file is never moved aside.
     std::vector<std::string> expected;
     for (int i = 3; i <= 12; ++i) expected.push_back(rotated_name(i));
-    EXPECT_EQ(expected, starting_with(tmp.path(), "sdk_"));
+    EXPECT_EQ(expected, dir_names(tmp.path(), "sdk_"));
     EXPECT_TRUE(exists(live));
     EXPECT_EQ("not ours", read_file(tmp / "other.log"));
 }
@@ -267,7 +250,7 @@ TEST_F(Log, StartUpRemovesOnlyTheOldestOfTooManyRotatedFiles) {
     // Two attempts on the same first name: the second finds it gone.
     EXPECT_EQ("remove file: " + (tmp / rotated_name(1)) + " Failed!\n", err.text());
     EXPECT_FALSE(exists(tmp / rotated_name(1)));
-    EXPECT_EQ(11u, starting_with(tmp.path(), "sdk_").size());
+    EXPECT_EQ(11u, dir_names(tmp.path(), "sdk_").size());
 }
 
 TEST_F(Log, NameWithoutExtensionRotatesToNameEndingInPoint) {
@@ -275,17 +258,16 @@ TEST_F(Log, NameWithoutExtensionRotatesToNameEndingInPoint) {
     ASSERT_EQ(0, ks_init_log(live.c_str()));
     log_log(LOG_ERROR, kModule, 1, "before");
     process_log_file_by_file_size();
-    const std::vector<std::string> rotated = matching(tmp.path(), "sdklog_" + kStamp + ".");
+    const std::vector<std::string> rotated = dir_names(tmp.path(), "sdklog_");
     ASSERT_EQ(1u, rotated.size());
+    EXPECT_TRUE(like(rotated[0], "sdklog_" + kStamp + ".")) << rotated[0];
     EXPECT_NE(std::string::npos, read_file(tmp / rotated[0]).find("before"));
     log_log(LOG_ERROR, kModule, 2, "after");
     EXPECT_NE(std::string::npos, read_file(live).find("after"));
 }
 
 TEST_F(Log, PathWithoutSlashWorksInTheCurrentDirectory) {
-    char saved[4096];
-    ASSERT_NE(nullptr, getcwd(saved, sizeof(saved)));
-    ASSERT_EQ(0, chdir(tmp.path().c_str()));
+    ScopedCwd cwd(tmp.path());
 
     // A missing file named without a folder cannot be split: refused.
     EXPECT_EQ(-1, ks_init_log("x.log"));
@@ -297,15 +279,14 @@ TEST_F(Log, PathWithoutSlashWorksInTheCurrentDirectory) {
     ASSERT_EQ(0, ks_init_log("x.log"));
     EXPECT_FALSE(exists("x_20200101000011.log"));  // listed in "."
     process_log_file_by_file_size();
-    EXPECT_EQ(11u, matching(".", "x_" + kStamp + ".log").size());
+    EXPECT_EQ(11u, dir_names(".", "x_").size());
     ensure_log_file_to_fixed_num();
     EXPECT_FALSE(exists("x_20200101000012.log"));
-    EXPECT_EQ(10u, matching(".", "x_" + kStamp + ".log").size());
+    EXPECT_EQ(10u, dir_names(".", "x_").size());
     log_log(LOG_ERROR, kModule, 1, "here");
     EXPECT_NE(std::string::npos, read_file("x.log").find("here"));
 
     ks_destory_log();
-    ASSERT_EQ(0, chdir(saved));
 }
 
 TEST_F(Log, InitCreatesTheDirectoryOrFails) {

@@ -3,16 +3,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <typeinfo>
+#include <utility>
+#include <vector>
 
-#include "driver/driver_cpp/source/KSCamera.h"
 #include "driver/driver_cpp/source/KSEthernetCameraFactory.h"
 #include "driver/driver_cpp/source/KSMIPICameraFactory.h"
 #include "driver/driver_cpp/source/KSUVCCameraFactory.h"
 #include "ksStereoCameraDriver.h"
 #include "mock_camera.h"
-#include "tests/support/stub_camera.h"
 
 using ::testing::NiceMock;
 using ::testing::Return;
@@ -72,84 +73,69 @@ TEST(Factories, OneFactoryPerTransportIsRegisteredAtLoad) {
     g_pMIPICameraFactory = library_factory;
 }
 
-TEST(Factories, TransportsWithoutCamerasRefuseEveryOpen) {
-    KSCameraAbstract* handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-2, ksOpenMIPICameraByNumber(2, &handle));
-    EXPECT_EQ(nullptr, handle);
-    handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-2, ksOpenMIPICameraByPath("/dev/video0", &handle));
-    EXPECT_EQ(nullptr, handle);
-    handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-2, ksOpenEthernetCameraByPath("/dev/video0", &handle));
-    EXPECT_EQ(nullptr, handle);
-    handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-2, ksOpenEthernetCameraByIp("192.0.2.7", &handle));
-    EXPECT_EQ(nullptr, handle);
+// Without a device session every open fails as for an absent camera, and the
+// caller's handle is cleared.
+TEST(Factories, OpensWithoutADeviceFailAndClearTheHandle) {
+    const std::vector<std::pair<int, std::function<int(KSCameraAbstract**)>>> opens = {
+        {-2, [](auto h) { return ksOpenMIPICameraByNumber(2, h); }},
+        {-2, [](auto h) { return ksOpenMIPICameraByPath("/dev/video0", h); }},
+        {-2, [](auto h) { return ksOpenEthernetCameraByPath("/dev/video0", h); }},
+        {-2, [](auto h) { return ksOpenEthernetCameraByIp("192.0.2.7", h); }},
+        {-2, [](auto h) { return ksOpenUVCCameraByPath("/dev/video0", h); }},
+        {-2, [](auto h) { return ksOpenUVCCameraByNumber(0, h); }},
+        {-2, [](auto h) { return ksOpenUVCCameraByPathCallInitCamCtrl("/dev/video0", h); }},
+        {-2,
+         [](auto h) { return ksOpenUVCCameraByPathCallInitKestCameraSimple("/dev/video0", h); }},
+        {-1, [](auto h) { return ksOpenUVCCameraBySN(nullptr, "SN", h); }},
+    };
+    for (size_t i = 0; i < opens.size(); ++i) {
+        KSCameraAbstract* handle = reinterpret_cast<KSCameraAbstract*>(0x1);
+        EXPECT_EQ(opens[i].first, opens[i].second(&handle)) << "open #" << i;
+        EXPECT_EQ(nullptr, handle) << "open #" << i;
+    }
 
     // Argument errors are -1 whichever transport is asked.
+    KSCameraAbstract* handle = nullptr;
     EXPECT_EQ(-1, ksOpenMIPICameraByPath("", &handle));
     EXPECT_EQ(-1, ksOpenEthernetCameraByIp(nullptr, &handle));
     EXPECT_EQ(-1, ksOpenUVCCameraByPath("/dev/video0", nullptr));
     EXPECT_EQ(-1, ksOpenUVCCameraByPath(nullptr, &handle));
 }
 
-TEST(Factories, GetByPathReportsEveryCreationFailureAsMinusTwo) {
-    RecordingUVCFactory factory;
-    KSCameraAbstract* camera = reinterpret_cast<KSCameraAbstract*>(0x1);
-
-    factory.fail_with = 5;
-    EXPECT_EQ(-2, factory.get_camera_by_path("/dev/video4", &camera));
-    EXPECT_EQ(nullptr, camera);  // cleared before the creation
-
-    factory.fail_with = 0;
-    factory.leave_null = true;  // "success" without a camera
-    EXPECT_EQ(-2, factory.get_camera_by_path("/dev/video4", &camera));
-
-    factory.leave_null = false;
-    ASSERT_EQ(0, factory.get_camera_by_path("/dev/video4", &camera));
-    ASSERT_NE(nullptr, camera);
-    EXPECT_EQ(0, factory.close_camera(&camera));
-    EXPECT_EQ(nullptr, camera);
-    EXPECT_EQ(1, factory.destroyed);
-    EXPECT_EQ(-1, factory.close_camera(&camera));
-    EXPECT_EQ(-1, factory.close_camera(nullptr));
-}
-
-TEST(Factories, DeviceNumbersUpTo126AreFormattedAsVideoNodes) {
-    RecordingUVCFactory factory;
-    KSCameraAbstract* camera = nullptr;
-    EXPECT_EQ(-2, factory.get_camera_by_number(127, &camera));  // creation refuses with -1
-    EXPECT_EQ(-1, factory.create_camera_by_number(127, &camera));
-    EXPECT_TRUE(factory.last_path.empty());
-
-    ASSERT_EQ(0, factory.get_camera_by_number(126, &camera));
-    EXPECT_EQ("/dev/video126", factory.last_path);
-    EXPECT_EQ(0, factory.close_camera(&camera));
-
-    factory.fail_with = -1;
-    EXPECT_EQ(-2, factory.create_camera_by_number(2, &camera));
-    EXPECT_EQ("/dev/video2", factory.last_path);
-}
-
-TEST(Factories, PublicOpenAndCloseGoThroughTheRegisteredFactory) {
+TEST(Factories, OpenAndCloseGoThroughTheRegisteredFactory) {
     RecordingUVCFactory factory;
     UVCFactoryOverride use(&factory);
+    KSCameraAbstract* handle = reinterpret_cast<KSCameraAbstract*>(0x1);
 
-    // The number is narrowed to a byte before the factory sees it.
-    KSCameraAbstract* handle = nullptr;
-    ASSERT_EQ(0, ksOpenUVCCameraByNumber(256 + 3, &handle));
-    EXPECT_EQ("/dev/video3", factory.last_path);
+    // Every creation failure, a "success" without a camera included, is -2;
+    // the handle is cleared before the creation.
+    factory.fail_with = 5;
+    EXPECT_EQ(-2, ksOpenUVCCameraByPath("/dev/video9", &handle));
+    EXPECT_EQ(nullptr, handle);
+    factory.fail_with = 0;
+    factory.leave_null = true;
+    EXPECT_EQ(-2, ksOpenUVCCameraByPath("/dev/video9", &handle));
+    factory.leave_null = false;
+
+    // Device numbers up to 126 are formatted as video nodes; the public open
+    // narrows the number to a byte first.
+    factory.last_path.clear();
+    EXPECT_EQ(-2, ksOpenUVCCameraByNumber(127, &handle));  // creation refuses with -1
+    EXPECT_EQ(-1, factory.create_camera_by_number(127, &handle));
+    EXPECT_TRUE(factory.last_path.empty());
+    factory.fail_with = -1;
+    EXPECT_EQ(-2, factory.create_camera_by_number(2, &handle));
+    EXPECT_EQ("/dev/video2", factory.last_path);
+    factory.fail_with = 0;
+    ASSERT_EQ(0, ksOpenUVCCameraByNumber(256 + 126, &handle));
+    EXPECT_EQ("/dev/video126", factory.last_path);
     ASSERT_NE(nullptr, handle);
+
     EXPECT_EQ(0, ksCloseCamera(&handle));
     EXPECT_EQ(nullptr, handle);
     EXPECT_EQ(1, factory.destroyed);
     EXPECT_EQ(-1, ksCloseCamera(&handle));
     EXPECT_EQ(-1, ksCloseCamera(nullptr));
-
-    factory.fail_with = 3;
-    handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-2, ksOpenUVCCameraByPath("/dev/video9", &handle));
-    EXPECT_EQ(nullptr, handle);
 }
 
 TEST(Factories, CloseForgetsTheHandleEvenWhenTheFactoryFails) {
@@ -190,46 +176,4 @@ TEST(Factories, GetByIpLeavesTheCallersPointerUntilSuccess) {
     EXPECT_EQ(marker, out);
     EXPECT_EQ(-1, factory.get_camera_by_ip("", &out));
     EXPECT_EQ(-1, factory.get_camera_by_sn("SN", &out));
-}
-
-TEST(Factories, UvcOpensFailAsForAnAbsentDeviceUntilASessionExists) {
-    KSCameraAbstract* handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-2, ksOpenUVCCameraByPath("/dev/video0", &handle));
-    EXPECT_EQ(nullptr, handle);
-    handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-2, ksOpenUVCCameraByNumber(0, &handle));
-    EXPECT_EQ(nullptr, handle);
-    handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-2, ksOpenUVCCameraByPathCallInitCamCtrl("/dev/video0", &handle));
-    EXPECT_EQ(nullptr, handle);
-    handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-2, ksOpenUVCCameraByPathCallInitKestCameraSimple("/dev/video0", &handle));
-    EXPECT_EQ(nullptr, handle);
-    handle = reinterpret_cast<KSCameraAbstract*>(0x1);
-    EXPECT_EQ(-1, ksOpenUVCCameraBySN(nullptr, "SN", &handle));
-    EXPECT_EQ(nullptr, handle);
-}
-
-// Whatever the wrappers report below comes from KSCamera's defaults: the
-// stubbed transport operations answer 0.
-using BareCamera = StubTransportCamera;
-
-TEST(Factories, BaseCameraSupportsNothingButAnswersIsSuspend) {
-    BareCamera camera;
-    EXPECT_FALSE(camera.is_suspend());
-    EXPECT_EQ(-1, camera.get_camera_type());
-    EXPECT_EQ(-1, camera.set_video_mode(KS_VIDEO_MODE_RGBD));
-    EXPECT_EQ(-1, camera.suspend_camera());
-    EXPECT_EQ(-1, camera.get_exposure(nullptr));
-    EXPECT_EQ(-1, camera.read_nuvex_register_value(0, nullptr));
-    EXPECT_EQ(-1, camera.auto_optimize_disparity(1.0f));
-
-    // Through the wrappers: a running camera resumes as a no-op, everything
-    // else is reported as a failed operation.
-    EXPECT_EQ(0, ksResumeCamera(&camera));
-    EXPECT_EQ(-2, ksSuspendCamera(&camera));
-    unsigned short width = 0;
-    unsigned short height = 0;
-    EXPECT_EQ(-2, ksGetVideoResolution(&camera, &width, &height));
-    EXPECT_EQ(-2, ksSetSearchRange(&camera, 3));
 }
