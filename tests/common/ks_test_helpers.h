@@ -5,7 +5,6 @@
 
 #include <ctype.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -76,43 +75,30 @@ class ScopedCwd {
     std::filesystem::path saved_;
 };
 
-// Sends a standard stream's descriptor (1 or 2) to a file until text() is called.
+// Captures a standard stream (1 or 2) until text() is called.
 class FdCapture {
   public:
     explicit FdCapture(int fd) : fd_(fd) {
-        fflush(fd == 1 ? stdout : stderr);
-        char tmpl[] = "/tmp/ks_capture_XXXXXX";
-        file_fd_ = mkstemp(tmpl);
-        file_ = tmpl;
-        saved_ = dup(fd_);
-        dup2(file_fd_, fd_);
+        fd == 1 ? testing::internal::CaptureStdout() : testing::internal::CaptureStderr();
     }
-    ~FdCapture() {
-        restore();
-        close(file_fd_);
-        unlink(file_.c_str());
-    }
+    ~FdCapture() { text(); }
     FdCapture(const FdCapture&) = delete;
     FdCapture& operator=(const FdCapture&) = delete;
 
-    // Restores the stream and returns what was written meanwhile.
+    // Ends the capture and returns what was written meanwhile.
     std::string text() {
-        restore();
-        return read_file(file_);
+        if (!done_) {
+            text_ = fd_ == 1 ? testing::internal::GetCapturedStdout()
+                             : testing::internal::GetCapturedStderr();
+            done_ = true;
+        }
+        return text_;
     }
 
   private:
-    void restore() {
-        if (saved_ < 0) return;
-        fflush(fd_ == 1 ? stdout : stderr);
-        dup2(saved_, fd_);
-        close(saved_);
-        saved_ = -1;
-    }
     int fd_;
-    int file_fd_ = -1;
-    int saved_ = -1;
-    std::string file_;
+    bool done_ = false;
+    std::string text_;
 };
 
 // Names in a directory that start with prefix, sorted.

@@ -138,42 +138,37 @@ TEST(Factories, OpenAndCloseGoThroughTheRegisteredFactory) {
     EXPECT_EQ(-1, ksCloseCamera(nullptr));
 }
 
-TEST(Factories, CloseForgetsTheHandleEvenWhenTheFactoryFails) {
-    // A camera of an unknown transport type reaches no factory; one whose
-    // factory refuses to release it is still forgotten by the caller.
-    auto* stray = new NiceMock<MockCamera>;
-    ON_CALL(*stray, get_camera_type()).WillByDefault(Return(7));
-    KSCameraAbstract* handle = stray;
+TEST(Factories, HandlesAfterAFailedReleaseOrCreation) {
+    // A camera of an unknown transport type reaches no factory.
+    NiceMock<MockCamera> stray;
+    ON_CALL(stray, get_camera_type()).WillByDefault(Return(7));
+    KSCameraAbstract* handle = &stray;
     EXPECT_EQ(0, ksCloseCamera(&handle));
     EXPECT_EQ(nullptr, handle);
-    delete stray;
 
+    // One whose factory refuses to release it is left to the factory's
+    // caller, but the public close forgets it.
     class StubbornFactory : public KSCameraFactory {
       public:
         int release_camera(KSCameraAbstract**) override { return -9; }
     } stubborn;
-    auto* camera = new NiceMock<MockCamera>;
-    KSCameraAbstract* kept = camera;
+    NiceMock<MockCamera> camera;
+    KSCameraAbstract* kept = &camera;
     EXPECT_EQ(-2, stubborn.close_camera(&kept));
-    EXPECT_EQ(camera, kept);  // untouched when the release fails
-
+    EXPECT_EQ(&camera, kept);
     UVCFactoryOverride use(&stubborn);
-    ON_CALL(*camera, get_camera_type()).WillByDefault(Return(0));
-    handle = camera;
+    ON_CALL(camera, get_camera_type()).WillByDefault(Return(0));
+    handle = &camera;
     EXPECT_EQ(0, ksCloseCamera(&handle));
     EXPECT_EQ(nullptr, handle);
-    delete camera;
-}
 
-TEST(Factories, GetByIpLeavesTheCallersPointerUntilSuccess) {
+    // Creation by address leaves the caller's pointer alone until it succeeds.
     class IpFactory : public KSCameraFactory {
       public:
         int create_camera_by_ip(const char*, KSCameraAbstract**) override { return 1; }
-    } factory;
-    KSCameraAbstract* marker = reinterpret_cast<KSCameraAbstract*>(0x10);
-    KSCameraAbstract* out = marker;
-    EXPECT_EQ(-2, factory.get_camera_by_ip("10.0.0.1", &out));
-    EXPECT_EQ(marker, out);
-    EXPECT_EQ(-1, factory.get_camera_by_ip("", &out));
-    EXPECT_EQ(-1, factory.get_camera_by_sn("SN", &out));
+    } by_ip;
+    EXPECT_EQ(-2, by_ip.get_camera_by_ip("10.0.0.1", &kept));
+    EXPECT_EQ(&camera, kept);
+    EXPECT_EQ(-1, by_ip.get_camera_by_ip("", &kept));
+    EXPECT_EQ(-1, by_ip.get_camera_by_sn("SN", &kept));
 }
