@@ -1,7 +1,7 @@
 // A simulated camera (of a chosen sensor model and controller firmware)
 // with its control device open, plus readers of what the camera itself
-// holds, for the tests of the EEPROM store, ASIC and sensor control and the
-// image transfers.
+// holds and was sent, for the tests of the EEPROM store, ASIC and sensor
+// control and the image transfers.
 #ifndef KS_TEST_CTRL_LAYER_FIXTURE_H
 #define KS_TEST_CTRL_LAYER_FIXTURE_H
 
@@ -9,23 +9,34 @@
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "control_protocol/uvc_protocol_master.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_application_layer.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_kernel.h"
 #include "sim/kssim.h"
+#include "tests/common/ks_test_helpers.h"
 #include "tests/sim/sim_fixture.h"
 
 namespace ctrltest {
 
 using Bytes = std::vector<uint8_t>;
+using Writes = std::vector<std::pair<uint32_t, uint8_t>>;
 
-struct CameraModel {
-    kssim_sensor_model sensor = KSSIM_SENSOR_OV9281;
-    const char* firmware = nullptr;  // null: the default (current) firmware
+// Standard output captured until text() is called.
+struct StdoutCapture : ks_test::FdCapture {
+    StdoutCapture() : FdCapture(1) {}
 };
+
+// The result of a call whose standard output is of no interest.
+template <typename Call>
+auto quietly(Call call) {
+    StdoutCapture out;
+    return call();
+}
 
 class CtrlLayer : public simtest::SimTest {
   protected:
@@ -39,14 +50,14 @@ class CtrlLayer : public simtest::SimTest {
         simtest::SimTest::TearDown();
     }
 
-    // Adds the camera and opens its control device; traffic recorded so far
-    // is dropped.
-    void open_camera(const CameraModel& camera_model = CameraModel()) {
+    // Adds the camera (firmware null: the current one) and opens its control
+    // device; traffic recorded so far is dropped.
+    void open_camera(kssim_sensor_model sensor = KSSIM_SENSOR_OV9281,
+                     const char* firmware = nullptr) {
         kssim_camera_config cfg;
         kssim_camera_config_init(&cfg);
-        cfg.sensor = camera_model.sensor;
-        if (camera_model.firmware != nullptr)
-            std::snprintf(cfg.firmware, sizeof(cfg.firmware), "%s", camera_model.firmware);
+        cfg.sensor = sensor;
+        if (firmware != nullptr) std::snprintf(cfg.firmware, sizeof(cfg.firmware), "%s", firmware);
         camera_ = kssim_world_add_camera(world_, &cfg);
         ASSERT_NE(nullptr, camera_);
         ctrl_.fd = -1;
@@ -74,67 +85,41 @@ class CtrlLayer : public simtest::SimTest {
         EXPECT_EQ(0, kssim_camera_register_read(camera_, chip, r, &v));
         return v;
     }
+    Bytes regs(kssim_chip chip, std::initializer_list<uint32_t> rs) {
+        Bytes out;
+        for (uint32_t r : rs) out.push_back(reg(chip, r));
+        return out;
+    }
     void poke(kssim_chip chip, uint32_t r, uint8_t v) {
         ASSERT_EQ(0, kssim_camera_register_write(camera_, chip, r, v));
     }
-    kssim_device_state state() {
-        kssim_device_state s{};
-        EXPECT_EQ(0, kssim_camera_device_state(camera_, &s));
-        return s;
-    }
+    kssim_device_state state() { return SimTest::state(camera_); }
     void fault(kssim_fault_kind kind, uint32_t count = 0, int32_t value = 0) {
-        kssim_fault f{};
-        f.kind = kind;
-        f.count = count;
-        f.value = value;
-        ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+        ASSERT_EQ(0, inject(camera_, kind, count, value));
     }
     void clear(kssim_fault_kind kind) { kssim_camera_clear_fault(camera_, kind); }
 
     // ---- traffic ----
     std::vector<kssim_message> requests() {
         std::vector<kssim_message> out;
-        const size_t n = kssim_camera_traffic_count(camera_);
-        for (size_t i = 0; i < n; ++i) {
-            kssim_message m;
+        kssim_message m;
+        for (size_t i = 0; i < kssim_camera_traffic_count(camera_); ++i)
             if (kssim_camera_traffic_get(camera_, i, &m) == 0 && m.direction == KSSIM_REQUEST)
                 out.push_back(m);
-        }
         return out;
     }
     // I2C writes to one device address: (register, byte) in order.
-    std::vector<std::pair<uint32_t, uint8_t>> writes_to(uint32_t dev) {
-        std::vector<std::pair<uint32_t, uint8_t>> out;
+    Writes writes_to(uint32_t dev) {
+        Writes out;
         for (const kssim_message& m : requests())
             if (m.command == 7 && (m.parameter >> 16) == dev && m.data_length >= 1)
                 out.emplace_back(m.parameter & 0xFFFF, m.data[0]);
         return out;
     }
-    size_t count_requests(uint32_t command) {
-        size_t n = 0;
-        for (const kssim_message& m : requests()) n += m.command == command;
-        return n;
-    }
     void clear_traffic() { kssim_camera_traffic_clear(camera_); }
 
     kssim_camera* camera_ = nullptr;
     _struct_ks_ctrl_device ctrl_ = {-1, 0, 0, 0.0f, 0.0f, 0};
-};
-
-// Captures standard output around a call.
-class StdoutCapture {
-  public:
-    StdoutCapture() { testing::internal::CaptureStdout(); }
-    std::string text() {
-        if (!done_) text_ = testing::internal::GetCapturedStdout();
-        done_ = true;
-        return text_;
-    }
-    ~StdoutCapture() { text(); }
-
-  private:
-    bool done_ = false;
-    std::string text_;
 };
 
 }  // namespace ctrltest

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,13 +13,13 @@
 #include "ctrl_layer_fixture.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_asic_control.h"
 
-using ctrltest::CameraModel;
+using ctrltest::Bytes;
 using ctrltest::CtrlLayer;
 using ctrltest::StdoutCapture;
+using ctrltest::Writes;
 
 namespace {
 
-using Writes = std::vector<std::pair<uint32_t, uint8_t>>;
 constexpr uint32_t kAsic = 0xCC;
 constexpr uint32_t kAsicRead = 0xCD;
 constexpr uint32_t kFpga = 0xC0;
@@ -38,15 +39,6 @@ class AsicControl : public CtrlLayer {
     }
 };
 
-// The ASIC-state (14) and GPIO (10) requests of a traffic record.
-std::vector<std::vector<uint8_t>> power_requests(const std::vector<kssim_message>& reqs,
-                                                 uint32_t command) {
-    std::vector<std::vector<uint8_t>> out;
-    for (const kssim_message& m : reqs)
-        if (m.command == command) out.emplace_back(m.data, m.data + m.data_length);
-    return out;
-}
-
 }  // namespace
 
 TEST_F(AsicControl, TrimsAreWrittenEvenWithSignAndDifference) {
@@ -59,35 +51,26 @@ TEST_F(AsicControl, TrimsAreWrittenEvenWithSignAndDifference) {
     EXPECT_EQ(2, ctrl_.trim_left);
     EXPECT_EQ(6, ctrl_.trim_right);
 
-    left = 7;
-    right = 3;
+    left = 7, right = 3;
     ASSERT_EQ(0, ks_set_camera_trim(&ctrl_, &left, &right));
-    EXPECT_EQ(6, reg(KSSIM_CHIP_ASIC, 0x26));
-    EXPECT_EQ(2, reg(KSSIM_CHIP_ASIC, 0x28));
-    EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x67));
-    EXPECT_EQ(4, reg(KSSIM_CHIP_ASIC, 0x68));
+    EXPECT_EQ((Bytes{6, 2, 0, 4}), regs(KSSIM_CHIP_ASIC, {0x26, 0x28, 0x67, 0x68}));
     uint16_t l = 0, r = 0;
     ASSERT_EQ(0, ks_get_camera_trim(&ctrl_, &l, &r));
     EXPECT_EQ(6, l);
     EXPECT_EQ(2, r);
 
     // Each register takes one byte; sign and difference use the whole values.
-    left = 301;
-    right = 2;
+    left = 301, right = 2;
     ASSERT_EQ(0, ks_set_camera_trim(&ctrl_, &left, &right));
     EXPECT_EQ(300, left);
-    EXPECT_EQ(300 & 0xFF, reg(KSSIM_CHIP_ASIC, 0x26));
-    EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x67));
-    EXPECT_EQ(298 & 0xFF, reg(KSSIM_CHIP_ASIC, 0x68));
+    EXPECT_EQ((Bytes{300 & 0xFF, 0, 298 & 0xFF}), regs(KSSIM_CHIP_ASIC, {0x26, 0x67, 0x68}));
 
     // A refused write stops the sequence; the cache keeps the last good trims.
     fault(KSSIM_FAULT_I2C_REFUSE_ASIC, 0, 1);
-    left = 10;
-    right = 12;
+    left = 10, right = 12;
     EXPECT_EQ(-1, ks_set_camera_trim(&ctrl_, &left, &right));
     EXPECT_EQ(300, ctrl_.trim_left);
     EXPECT_EQ(2, ctrl_.trim_right);
-    clear(KSSIM_FAULT_I2C_REFUSE_ASIC);
     fault(KSSIM_FAULT_I2C_REFUSE_ASIC, 0, 2);
     EXPECT_EQ(-1, ks_get_camera_trim(&ctrl_, &l, &r));
 }
@@ -97,10 +80,8 @@ TEST_F(AsicControl, LineOffsetsOutsideZeroToFiveAreRefusedWithTheCacheCleared) {
     EXPECT_EQ((Writes{{0x71, 5}, {0x72, 0}, {0x73, 0}, {0x74, 0}}), writes_to(kAsic));
     EXPECT_EQ(5.0f, ctrl_.line_offset_left);
     ASSERT_EQ(0, ks_set_line_offset(&ctrl_, 1.5f, 2.3f));
-    EXPECT_EQ(1, reg(KSSIM_CHIP_ASIC, 0x71));
-    EXPECT_EQ(128, reg(KSSIM_CHIP_ASIC, 0x72));
-    EXPECT_EQ(2, reg(KSSIM_CHIP_ASIC, 0x73));
-    EXPECT_EQ(76, reg(KSSIM_CHIP_ASIC, 0x74));  // 0.3 x 256 = 76.8, truncated
+    // 0.3 x 256 = 76.8, truncated
+    EXPECT_EQ((Bytes{1, 128, 2, 76}), regs(KSSIM_CHIP_ASIC, {0x71, 0x72, 0x73, 0x74}));
     EXPECT_EQ(1.5f, ctrl_.line_offset_left);
     EXPECT_EQ(2.3f, ctrl_.line_offset_right);
 
@@ -193,11 +174,9 @@ TEST_F(AsicControl, GuardRestoresRunningAeAndLeavesAManuallyStoppedAeOff) {
     ASSERT_EQ(0x10, reg(KSSIM_CHIP_FPGA, 0x20));
     ASSERT_EQ(0, ks_asic_control_prep(&ctrl_));
     EXPECT_EQ(0, ae_closed_flag);
-    EXPECT_EQ(0x00, reg(KSSIM_CHIP_FPGA, 0x20));
-    EXPECT_EQ(0, reg(KSSIM_CHIP_FPGA, 0x08));
+    EXPECT_EQ((Bytes{0x00, 0}), regs(KSSIM_CHIP_FPGA, {0x20, 0x08}));
     ASSERT_EQ(0, ks_asic_control_post(&ctrl_));
-    EXPECT_EQ(1, reg(KSSIM_CHIP_FPGA, 0x08));
-    EXPECT_EQ(0x10, reg(KSSIM_CHIP_FPGA, 0x20));
+    EXPECT_EQ((Bytes{0x10, 1}), regs(KSSIM_CHIP_FPGA, {0x20, 0x08}));
 
     // AE stopped by hand: it stays off across the guarded operation.
     ASSERT_EQ(0, ks_AE_shut_down(&ctrl_));
@@ -206,8 +185,7 @@ TEST_F(AsicControl, GuardRestoresRunningAeAndLeavesAManuallyStoppedAeOff) {
     EXPECT_EQ(0, reg(KSSIM_CHIP_FPGA, 0x08));
     clear_traffic();
     EXPECT_EQ(0, ks_asic_control_post(&ctrl_));
-    EXPECT_EQ(0x00, reg(KSSIM_CHIP_FPGA, 0x20));
-    EXPECT_EQ(1, reg(KSSIM_CHIP_FPGA, 0x08));
+    EXPECT_EQ((Bytes{0x00, 1}), regs(KSSIM_CHIP_FPGA, {0x20, 0x08}));
     EXPECT_EQ((Writes{{0x08, 1}}), writes_to(kFpga));
 
     uint16_t status = 0xFF;
@@ -231,9 +209,7 @@ TEST_F(AsicControl, VersionsHardwareSwapModeAndStereoConstants) {
     EXPECT_EQ(1, a);
     EXPECT_EQ(5, b);
     ASSERT_EQ(0, ks_get_FPGA_release_date(&ctrl_, &a, &b, &c));
-    EXPECT_EQ(0x23, a);
-    EXPECT_EQ(0x11, b);
-    EXPECT_EQ(0x20, c);
+    EXPECT_EQ((Bytes{0x23, 0x11, 0x20}), (Bytes{a, b, c}));
     ASSERT_EQ(0, ks_get_HW_info(&ctrl_, &a, &b));
     EXPECT_EQ(2, a);  // PCB revision
     EXPECT_EQ(KSSIM_SENSOR_OV9281, b);
@@ -273,8 +249,8 @@ TEST_F(AsicControl, HealthChecks) {
     ASSERT_EQ(0, ks_load_epr_init_status(&ctrl_, &status));
     EXPECT_EQ(0xEA, status);
     EXPECT_EQ(0, ks_device_init_status_check(&ctrl_));
-    EXPECT_EQ(0x10, reg(KSSIM_CHIP_FPGA, 0x20));  // the guard restored AE
-    EXPECT_EQ(1, reg(KSSIM_CHIP_FPGA, 0x08));
+    // The guard restored AE and shut RTT.
+    EXPECT_EQ((Bytes{0x10, 1}), regs(KSSIM_CHIP_FPGA, {0x20, 0x08}));
 
     // The FPGA is not ready: the check fails before touching the ASIC.
     fault(KSSIM_FAULT_CONTROLLER_NOT_READY);
@@ -314,64 +290,55 @@ TEST_F(AsicControl, HealthChecks) {
     EXPECT_EQ(-1, ks_load_epr_init_status(&ctrl_, &status));
 }
 
-TEST_F(CtrlLayer, PowerCycleOnTheCurrentFirmwareUsesTheResetState) {
-    open_camera();
-    const uint32_t resets = state().reset_count;
-    ASSERT_EQ(0, ks_camera_hardware_shutdown(&ctrl_));
-    EXPECT_EQ(0, state().asic_running);
-    EXPECT_EQ(1, state().asic_powered);
+TEST_F(CtrlLayer, PowerCycleUsesTheResetStateOrOnThe1022FirmwareGpio17) {
+    using Requests = std::vector<std::vector<uint8_t>>;
+    const struct {
+        const char* firmware;  // only the first four characters count
+        const char* text;
+        Requests asic_state, gpio;  // requests 14 and 10: set pin 17 off, on, off, on
+    } cases[] = {{nullptr, "Finish bring up.", {{0}, {1}, {0}, {1}}, {}},
+                 {"10225 build 7",
+                  "1022 Usb version bring upFinish bring up.",
+                  {},
+                  {{0, 17, 0}, {0, 17, 1}, {0, 17, 0}, {0, 17, 1}}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        open_camera(KSSIM_SENSOR_OV9281, c.firmware);
+        const uint32_t resets = state().reset_count;
+        ASSERT_EQ(0, ks_camera_hardware_shutdown(&ctrl_));
+        EXPECT_EQ(0, state().asic_running);
+        EXPECT_EQ(c.firmware == nullptr, state().asic_powered);
+        if (c.firmware != nullptr) {
+            EXPECT_EQ(0, state().gpio17);
+        }
 
-    const uint64_t start = kssim_world_now_us(world_);
-    {
-        StdoutCapture out;
-        ASSERT_EQ(0, ks_camera_hardware_bringup(&ctrl_));
-        EXPECT_EQ("Finish bring up.", out.text());
+        const uint64_t start = kssim_world_now_us(world_);
+        {
+            StdoutCapture out;
+            ASSERT_EQ(0, ks_camera_hardware_bringup(&ctrl_));
+            EXPECT_EQ(c.text, out.text());
+        }
+        EXPECT_GE(kssim_world_now_us(world_) - start, 11000000u);
+        const kssim_device_state s = state();
+        EXPECT_EQ(1, s.asic_running);
+        EXPECT_EQ(1, s.epr_loaded);
+        EXPECT_EQ(1, s.gpio17);
+        EXPECT_EQ(resets + 2, s.reset_count);  // released twice
+        std::map<uint32_t, Requests> sent;     // data of each request, by command
+        for (const kssim_message& m : requests())
+            sent[m.command].emplace_back(m.data, m.data + m.data_length);
+        EXPECT_EQ(c.asic_state, sent[14]);
+        EXPECT_EQ(c.gpio, sent[10]);
+        EXPECT_EQ(2u, sent[1].size());  // the version, once per sequence
+        EXPECT_EQ(0, ks_device_init_status_check(&ctrl_));
+        release_iic_ctrl(&ctrl_);
     }
-    EXPECT_GE(kssim_world_now_us(world_) - start, 11000000u);
-    const kssim_device_state s = state();
-    EXPECT_EQ(1, s.asic_running);
-    EXPECT_EQ(1, s.epr_loaded);
-    EXPECT_EQ(resets + 2, s.reset_count);  // released twice
-    const auto reqs = requests();
-    EXPECT_EQ((std::vector<std::vector<uint8_t>>{{0}, {1}, {0}, {1}}), power_requests(reqs, 14));
-    EXPECT_TRUE(power_requests(reqs, 10).empty());
-    EXPECT_EQ(2u, count_requests(1));  // the version, once per sequence
-}
-
-TEST_F(CtrlLayer, PowerCycleOnThe1022FirmwareUsesGpio17) {
-    CameraModel camera_model;
-    camera_model.firmware = "10225 build 7";  // only the first four characters count
-    open_camera(camera_model);
-    const uint32_t resets = state().reset_count;
-    ASSERT_EQ(0, ks_camera_hardware_shutdown(&ctrl_));
-    EXPECT_EQ(0, state().asic_powered);
-    EXPECT_EQ(0, state().gpio17);
-
-    const uint64_t start = kssim_world_now_us(world_);
-    {
-        StdoutCapture out;
-        ASSERT_EQ(0, ks_camera_hardware_bringup(&ctrl_));
-        EXPECT_EQ("1022 Usb version bring upFinish bring up.", out.text());
-    }
-    EXPECT_GE(kssim_world_now_us(world_) - start, 11000000u);
-    const kssim_device_state s = state();
-    EXPECT_EQ(1, s.asic_running);
-    EXPECT_EQ(1, s.gpio17);
-    EXPECT_EQ(resets + 2, s.reset_count);
-    const auto reqs = requests();
-    EXPECT_TRUE(power_requests(reqs, 14).empty());
-    // Set requests for pin 17: off, on, off, on.
-    EXPECT_EQ((std::vector<std::vector<uint8_t>>{{0, 17, 0}, {0, 17, 1}, {0, 17, 0}, {0, 17, 1}}),
-              power_requests(reqs, 10));
-    EXPECT_EQ(0, ks_device_init_status_check(&ctrl_));
 }
 
 TEST_F(CtrlLayer, BringUpStepFailuresCarryTheirCodes) {
     open_camera();
     // The ASIC-state command fails at the transport: the first step's code.
-    kssim_fault f{};
-    f.kind = KSSIM_FAULT_XU_FAIL;
-    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &f));
+    fault(KSSIM_FAULT_XU_FAIL);
     {
         StdoutCapture out;
         EXPECT_EQ(-1, ks_camera_hardware_bringup(&ctrl_));

@@ -13,36 +13,26 @@
 #include "ks_asic_iic_ctrl/source/ks_iic_asic_control.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_cmos_control.h"
 
-using ctrltest::CameraModel;
+using ctrltest::Bytes;
 using ctrltest::CtrlLayer;
 using ctrltest::StdoutCapture;
+using ctrltest::Writes;
 
 namespace {
 
-using Writes = std::vector<std::pair<uint32_t, uint8_t>>;
 constexpr uint32_t kAsic = 0xCC;
 
 class CmosControl : public CtrlLayer {
   protected:
-    void open_sensor(kssim_sensor_model model) {
-        CameraModel camera_model;
-        camera_model.sensor = model;
-        open_camera(camera_model);
-    }
-    uint8_t sensor(int which, uint32_t r) {
-        return reg(which == 0 ? KSSIM_CHIP_SENSOR_A : KSSIM_CHIP_SENSOR_B, r);
-    }
-    // Bridge commands sent (writes of 0xF4).
-    size_t bridge_commands() {
-        size_t n = 0;
-        for (const auto& w : writes_to(kAsic)) n += w.first == 0xF4;
-        return n;
-    }
-    // ASIC register writes other than the bridge's own registers.
-    Writes asic_writes_outside_bridge() {
-        Writes out;
+    // One sensor register of both sensors: {A, B}.
+    Bytes sensors(uint32_t r) { return {reg(KSSIM_CHIP_SENSOR_A, r), reg(KSSIM_CHIP_SENSOR_B, r)}; }
+    // A 16-bit value from two consecutive registers, most significant first.
+    unsigned word(kssim_chip chip, uint32_t r) { return reg(chip, r) << 8 | reg(chip, r + 1); }
+    // The bytes sent through the bridge (writes of 0xF4), in order.
+    Bytes bridge_bytes() {
+        Bytes out;
         for (const auto& w : writes_to(kAsic))
-            if (w.first < 0xF0) out.push_back(w);
+            if (w.first == 0xF4) out.push_back(w.second);
         return out;
     }
 };
@@ -50,7 +40,7 @@ class CmosControl : public CtrlLayer {
 }  // namespace
 
 TEST_F(CmosControl, VerifiedWriteReachesBothSensorsAndDualReadReturnsBoth) {
-    open_sensor(KSSIM_SENSOR_OV9281);
+    open_camera(KSSIM_SENSOR_OV9281);
     const kssim_device_state before = state();
     ASSERT_EQ(0, _ks_cmos_ctrl_prep(&ctrl_));
     EXPECT_EQ(0x10, reg(KSSIM_CHIP_ASIC, 0x31));
@@ -59,30 +49,24 @@ TEST_F(CmosControl, VerifiedWriteReachesBothSensorsAndDualReadReturnsBoth) {
     clear_traffic();
     ASSERT_EQ(0, ks_write_cmos_register_through_nuvex(&ctrl_, 0x3509, 0x0024));
     EXPECT_EQ((Writes{{0xF1, 0x35}, {0xF2, 0x09}, {0xF3, 0x00}, {0xF4, 0x24}}), writes_to(kAsic));
-    EXPECT_EQ(0x24, sensor(0, 0x3509));
-    EXPECT_EQ(0x24, sensor(1, 0x3509));
+    EXPECT_EQ((Bytes{0x24, 0x24}), sensors(0x3509));
     const kssim_device_state after = state();
     EXPECT_EQ((before.sensor_counter[0] + 1) & 0x0F, after.sensor_counter[0]);
     EXPECT_EQ((before.sensor_counter[1] + 1) & 0x0F, after.sensor_counter[1]);
 
     uint8_t ca = 0, sa = 9, cb = 0, sb = 9;
     ASSERT_EQ(0, ks_load_cmos_bus_status(&ctrl_, &ca, &sa, &cb, &sb));
-    EXPECT_EQ(after.sensor_counter[0], ca);
-    EXPECT_EQ(after.sensor_counter[1], cb);
-    EXPECT_EQ(0, sa);
-    EXPECT_EQ(0, sb);
+    EXPECT_EQ((Bytes{after.sensor_counter[0], 0, after.sensor_counter[1], 0}),
+              (Bytes{ca, sa, cb, sb}));
 
     // Counters wrap after 16 commands; every write still verifies.
     for (int i = 0; i < 17; ++i)
         ASSERT_EQ(0, ks_write_cmos_register_through_nuvex(&ctrl_, 0x4000, i));
-    EXPECT_EQ(16, sensor(0, 0x4000));
+    EXPECT_EQ(16, reg(KSSIM_CHIP_SENSOR_A, 0x4000));
 
-    uint16_t a = 0, b = 0;
-    ASSERT_EQ(0, ks_read_cmos_register(&ctrl_, 0x3509, &a, &b));
-    EXPECT_EQ(0x24, a);
-    EXPECT_EQ(0x24, b);
     // Sensors that differ are told apart.
-    ASSERT_EQ(0, kssim_camera_register_write(camera_, KSSIM_CHIP_SENSOR_B, 0x3509, 0x31));
+    poke(KSSIM_CHIP_SENSOR_B, 0x3509, 0x31);
+    uint16_t a = 0, b = 0;
     ASSERT_EQ(0, ks_read_cmos_register(&ctrl_, 0x3509, &a, &b));
     EXPECT_EQ(0x24, a);
     EXPECT_EQ(0x31, b);
@@ -102,7 +86,6 @@ TEST_F(CmosControl, VerifiedWriteReachesBothSensorsAndDualReadReturnsBoth) {
     EXPECT_EQ(-2, ks_read_cmos_register(&ctrl_, 0x3509, &a, &b));
     EXPECT_EQ(0, a);
     EXPECT_EQ(0, _ks_cmos_ctrl_post(&ctrl_));  // never fails
-    clear(KSSIM_FAULT_I2C_REFUSE_ASIC);
     fault(KSSIM_FAULT_I2C_REFUSE_ASIC, 0, 2);
     EXPECT_EQ(-1, ks_load_cmos_bus_status(&ctrl_, &ca, &sa, &cb, &sb));
     EXPECT_EQ(-3, ks_write_cmos_register_through_nuvex(&ctrl_, 0x3509, 1));
@@ -110,54 +93,48 @@ TEST_F(CmosControl, VerifiedWriteReachesBothSensorsAndDualReadReturnsBoth) {
 }
 
 TEST_F(CmosControl, AWriteWhoseCountersNeverMoveIsTriedSixTimes) {
-    open_sensor(KSSIM_SENSOR_OV9281);
+    open_camera(KSSIM_SENSOR_OV9281);
     ASSERT_EQ(0, _ks_cmos_ctrl_prep(&ctrl_));
-    const uint8_t old = sensor(0, 0x3509);
+    const uint8_t old = reg(KSSIM_CHIP_SENSOR_A, 0x3509);
 
     fault(KSSIM_FAULT_SENSOR_COUNTER_FROZEN);  // both sensors
     clear_traffic();
     EXPECT_EQ(-1, ks_write_cmos_register_through_nuvex(&ctrl_, 0x3509, 0x55));
-    EXPECT_EQ(6u, bridge_commands());
-    EXPECT_EQ(old, sensor(0, 0x3509));
+    EXPECT_EQ(6u, bridge_bytes().size());
+    EXPECT_EQ((Bytes{old, old}), sensors(0x3509));
 
     // One sensor that does not take the command is enough to fail.
     fault(KSSIM_FAULT_SENSOR_COUNTER_FROZEN, 0, 2);
     clear_traffic();
     EXPECT_EQ(-1, ks_write_cmos_register_through_nuvex(&ctrl_, 0x3509, 0x55));
-    EXPECT_EQ(6u, bridge_commands());
-    EXPECT_EQ(0x55, sensor(0, 0x3509));
-    EXPECT_EQ(old, sensor(1, 0x3509));
+    EXPECT_EQ(6u, bridge_bytes().size());
+    EXPECT_EQ((Bytes{0x55, old}), sensors(0x3509));
 
     // Two ignored commands: the third attempt goes through.
     fault(KSSIM_FAULT_SENSOR_COUNTER_FROZEN, 2);
     clear_traffic();
     EXPECT_EQ(0, ks_write_cmos_register_through_nuvex(&ctrl_, 0x3509, 0x66));
-    EXPECT_EQ(3u, bridge_commands());
-    EXPECT_EQ(0x66, sensor(1, 0x3509));
+    EXPECT_EQ(3u, bridge_bytes().size());
+    EXPECT_EQ((Bytes{0x66, 0x66}), sensors(0x3509));
 }
 
 TEST_F(CmosControl, Ov9281FrameRateFormulaLimitsAndDeliveredRate) {
-    open_sensor(KSSIM_SENSOR_OV9281);
+    open_camera(KSSIM_SENSOR_OV9281);
     ASSERT_EQ(0, ks_set_ov9281_fps(&ctrl_, 30.0f));
-    EXPECT_EQ(0x03, sensor(0, 0x380E));  // 937 lines
-    EXPECT_EQ(0xA9, sensor(0, 0x380F));
-    EXPECT_EQ(0x03, sensor(1, 0x380E));
-    EXPECT_EQ(0xA9, sensor(1, 0x380F));
-    EXPECT_EQ(1, sensor(0, 0x0100));
+    EXPECT_EQ((Bytes{0x03, 0x03}), sensors(0x380E));  // 937 lines
+    EXPECT_EQ((Bytes{0xA9, 0xA9}), sensors(0x380F));
+    EXPECT_EQ(1, reg(KSSIM_CHIP_SENSOR_A, 0x0100));
     EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x31));  // bridge closed
     EXPECT_NEAR(28110.0 / 937, state().sensor_frame_rate, 1e-6);
 
     clear_traffic();
     ASSERT_EQ(0, ks_set_ov9281_fps(&ctrl_, 10.0f));
-    EXPECT_EQ(2811, sensor(0, 0x380E) << 8 | sensor(0, 0x380F));
+    EXPECT_EQ(2811u, word(KSSIM_CHIP_SENSOR_A, 0x380E));
     EXPECT_NEAR(10.0, state().sensor_frame_rate, 1e-6);
     EXPECT_NEAR(10.0, kssim_camera_frame_rate(camera_), 1e-6);
     EXPECT_EQ(1, state().sensors_streaming);
     // Standby, the two frame-length bytes, streaming.
-    std::vector<uint8_t> commands;
-    for (const auto& w : writes_to(kAsic))
-        if (w.first == 0xF4) commands.push_back(w.second);
-    EXPECT_EQ((std::vector<uint8_t>{0, 0x0A, 0xFB, 1}), commands);
+    EXPECT_EQ((Bytes{0, 0x0A, 0xFB, 1}), bridge_bytes());
 
     clear_traffic();
     {
@@ -171,7 +148,7 @@ TEST_F(CmosControl, Ov9281FrameRateFormulaLimitsAndDeliveredRate) {
     }
     EXPECT_TRUE(requests().empty());
     ASSERT_EQ(0, ks_set_ov9281_fps(&ctrl_, 6.82f));  // 4121 lines: within the limit
-    EXPECT_EQ(4121, sensor(0, 0x380E) << 8 | sensor(0, 0x380F));
+    EXPECT_EQ(4121u, word(KSSIM_CHIP_SENSOR_A, 0x380E));
 
     // A sensor that takes no command: standby fails, the bridge stays open.
     fault(KSSIM_FAULT_SENSOR_COUNTER_FROZEN);
@@ -181,35 +158,29 @@ TEST_F(CmosControl, Ov9281FrameRateFormulaLimitsAndDeliveredRate) {
 }
 
 TEST_F(CmosControl, Sc132gsFrameRateFormulaLimitsAndDeliveredRate) {
-    open_sensor(KSSIM_SENSOR_SC132GS);
+    open_camera(KSSIM_SENSOR_SC132GS);
     const uint8_t fpsx_high = reg(KSSIM_CHIP_ASIC, 0x61);
     const uint8_t fpsx_low = reg(KSSIM_CHIP_ASIC, 0x62);
     ASSERT_EQ(0, ks_set_sc132gs_fps(&ctrl_, 20.0f));
-    for (int s = 0; s < 2; ++s) {
-        EXPECT_EQ(0x07, sensor(s, 0x320E));  // 1920
-        EXPECT_EQ(0x80, sensor(s, 0x320F));
-        EXPECT_EQ(0x07, sensor(s, 0x3228));  // 1914
-        EXPECT_EQ(0x7A, sensor(s, 0x3229));
+    for (kssim_chip s : {KSSIM_CHIP_SENSOR_A, KSSIM_CHIP_SENSOR_B}) {
+        EXPECT_EQ(1920u, word(s, 0x320E));
+        EXPECT_EQ(1914u, word(s, 0x3228));
     }
-    EXPECT_EQ(0x07, reg(KSSIM_CHIP_ASIC, 0x63));
-    EXPECT_EQ(0x80, reg(KSSIM_CHIP_ASIC, 0x64));
-    EXPECT_EQ(fpsx_high, reg(KSSIM_CHIP_ASIC, 0x61));
-    EXPECT_EQ(fpsx_low, reg(KSSIM_CHIP_ASIC, 0x62));
     EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x31));
     EXPECT_NEAR(20.0, state().sensor_frame_rate, 1e-6);
     // Group hold opened, four frame-length bytes, group launched; then the
     // trigger timing written back and set.
-    std::vector<uint8_t> commands;
+    EXPECT_EQ((Bytes{0x00, 0x07, 0x80, 0x07, 0x7A, 0x60}), bridge_bytes());
+    Writes outside_bridge;
     for (const auto& w : writes_to(kAsic))
-        if (w.first == 0xF4) commands.push_back(w.second);
-    EXPECT_EQ((std::vector<uint8_t>{0x00, 0x07, 0x80, 0x07, 0x7A, 0x60}), commands);
+        if (w.first < 0xF0) outside_bridge.push_back(w);
     EXPECT_EQ((Writes{{0x31, 0x10},
                       {0x61, fpsx_high},
                       {0x62, fpsx_low},
                       {0x63, 0x07},
                       {0x64, 0x80},
                       {0x31, 0x00}}),
-              asic_writes_outside_bridge());
+              outside_bridge);
 
     ASSERT_EQ(0, ks_set_sc132gs_fps(&ctrl_, 5.0f));
     EXPECT_NEAR(5.0, state().sensor_frame_rate, 1e-6);
@@ -233,13 +204,11 @@ TEST_F(CmosControl, Sc132gsFrameRateFormulaLimitsAndDeliveredRate) {
 }
 
 TEST_F(CmosControl, Imx225FrameRateFromTheTriggerDivisor) {
-    open_sensor(KSSIM_SENSOR_IMX225);
+    open_camera(KSSIM_SENSOR_IMX225);
     ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 30.0f));
-    EXPECT_EQ(0x04, reg(KSSIM_CHIP_ASIC, 0x63));  // 1100
-    EXPECT_EQ(0x4C, reg(KSSIM_CHIP_ASIC, 0x64));
-    EXPECT_EQ(0x04, reg(KSSIM_CHIP_FPGA, 0x27));
-    EXPECT_EQ(0x4C, reg(KSSIM_CHIP_FPGA, 0x28));
-    EXPECT_EQ(2424, reg(KSSIM_CHIP_ASIC, 0x61) << 8 | reg(KSSIM_CHIP_ASIC, 0x62));
+    EXPECT_EQ(1100u, word(KSSIM_CHIP_ASIC, 0x63));
+    EXPECT_EQ(1100u, word(KSSIM_CHIP_FPGA, 0x27));
+    EXPECT_EQ(2424u, word(KSSIM_CHIP_ASIC, 0x61));
     EXPECT_NEAR(30.0, state().sensor_frame_rate, 1e-6);
     // No bridge involved.
     for (const auto& w : writes_to(kAsic)) EXPECT_NE(0x31u, w.first);
@@ -248,38 +217,29 @@ TEST_F(CmosControl, Imx225FrameRateFromTheTriggerDivisor) {
     poke(KSSIM_CHIP_ASIC, 0x61, 1818 >> 8);
     poke(KSSIM_CHIP_ASIC, 0x62, 1818 & 0xFF);
     ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 12.5f));
-    EXPECT_EQ(1818, reg(KSSIM_CHIP_ASIC, 0x61) << 8 | reg(KSSIM_CHIP_ASIC, 0x62));
-    EXPECT_EQ(2640, reg(KSSIM_CHIP_ASIC, 0x63) << 8 | reg(KSSIM_CHIP_ASIC, 0x64));
+    EXPECT_EQ(1818u, word(KSSIM_CHIP_ASIC, 0x61));
+    EXPECT_EQ(2640u, word(KSSIM_CHIP_ASIC, 0x63));
     EXPECT_NEAR(12.5, kssim_camera_frame_rate(camera_), 1e-6);
     poke(KSSIM_CHIP_ASIC, 0x61, 0x12);
     ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 30.0f));
-    EXPECT_EQ(2424, reg(KSSIM_CHIP_ASIC, 0x61) << 8 | reg(KSSIM_CHIP_ASIC, 0x62));
+    EXPECT_EQ(2424u, word(KSSIM_CHIP_ASIC, 0x61));
 
     // No range check: the divisor saturates within its 16 bits.
-    ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 0.1f));
-    EXPECT_EQ(0xFFFF, reg(KSSIM_CHIP_ASIC, 0x63) << 8 | reg(KSSIM_CHIP_ASIC, 0x64));
-    ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 0.0f));
-    EXPECT_EQ(0xFFFF, reg(KSSIM_CHIP_ASIC, 0x63) << 8 | reg(KSSIM_CHIP_ASIC, 0x64));
-    ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 1e6f));
-    EXPECT_EQ(1, reg(KSSIM_CHIP_ASIC, 0x63) << 8 | reg(KSSIM_CHIP_ASIC, 0x64));
+    for (const auto& c :
+         std::vector<std::pair<float, unsigned>>{{0.1f, 0xFFFF}, {0.0f, 0xFFFF}, {1e6f, 1}}) {
+        ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, c.first));
+        EXPECT_EQ(c.second, word(KSSIM_CHIP_ASIC, 0x63)) << c.first;
+    }
     // Failures are ignored.
     fault(KSSIM_FAULT_I2C_REFUSE_ASIC, 0, 0);
     EXPECT_EQ(0, ks_set_sony224_fps(&ctrl_, 30.0f));
 }
 
-TEST_F(CmosControl, Gains) {
-    open_sensor(KSSIM_SENSOR_OV9281);
+TEST_F(CmosControl, GainsOfBothSensorKinds) {
+    // OV9281: the low byte, written through the bridge opened for it.
+    open_camera(KSSIM_SENSOR_OV9281);
     ASSERT_EQ(0, ks_set_gain_ov9281(&ctrl_, 0x120));
-    EXPECT_EQ((Writes{{0x31, 0x10},
-                      {0xF0, 3},
-                      {0xF1, 0x35},
-                      {0xF2, 0x09},
-                      {0xF3, 0x00},
-                      {0xF4, 0x20},
-                      {0x31, 0x00}}),
-              writes_to(kAsic));
-    EXPECT_EQ(0x20, sensor(0, 0x3509));
-    EXPECT_EQ(0x20, sensor(1, 0x3509));
+    EXPECT_EQ((Bytes{0x20, 0x20}), sensors(0x3509));
     uint16_t a = 0, b = 0;
     ASSERT_EQ(0, ks_get_gain_ov9281(&ctrl_, &a, &b));
     EXPECT_EQ(0x20, a);
@@ -288,49 +248,39 @@ TEST_F(CmosControl, Gains) {
     fault(KSSIM_FAULT_I2C_REFUSE_ASIC, 0, 1);
     EXPECT_EQ(-1, ks_set_gain_ov9281(&ctrl_, 1));
     EXPECT_EQ(-1, ks_get_gain_ov9281(&ctrl_, &a, &b));  // the bridge does not open
-    clear(KSSIM_FAULT_I2C_REFUSE_ASIC);
     fault(KSSIM_FAULT_I2C_REFUSE_ASIC, 0, 2);
     EXPECT_EQ(-4, ks_get_gain_ov9281(&ctrl_, &a, &b));
-}
+    release_iic_ctrl(&ctrl_);
 
-TEST_F(CmosControl, Imx225GainIsCappedAtOneByte) {
-    open_sensor(KSSIM_SENSOR_IMX225);
+    // IMX225: capped at one byte.
+    open_camera(KSSIM_SENSOR_IMX225);
     ASSERT_EQ(0, ks_set_gain_sony_imx225(&ctrl_, 300));
-    EXPECT_EQ(255, sensor(0, 0x3014));
-    EXPECT_EQ(255, sensor(1, 0x3014));
+    EXPECT_EQ((Bytes{255, 255}), sensors(0x3014));
     EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x31));
     ASSERT_EQ(0, ks_set_gain_sony_imx225(&ctrl_, 40));
-    uint16_t a = 0, b = 0;
     ASSERT_EQ(0, ks_get_gain_sony_imx225(&ctrl_, &a, &b));
     EXPECT_EQ(40, a);
     EXPECT_EQ(40, b);
-
     fault(KSSIM_FAULT_SENSOR_COUNTER_FROZEN);
     EXPECT_EQ(-4, ks_set_gain_sony_imx225(&ctrl_, 50));
     EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x31));  // closed all the same
-    EXPECT_EQ(40, sensor(0, 0x3014));
+    EXPECT_EQ(40, reg(KSSIM_CHIP_SENSOR_A, 0x3014));
 }
 
 TEST_F(CmosControl, Ov9281ExposureIsManualInSixteenthsOfALine) {
-    open_sensor(KSSIM_SENSOR_OV9281);
+    open_camera(KSSIM_SENSOR_OV9281);
     ASSERT_EQ(0, ks_AE_open_up(&ctrl_));
     {
         StdoutCapture out;
         ASSERT_EQ(0, ks_set_exposure_ov9281(&ctrl_, 1200));
         EXPECT_EQ("Exposure setting exceeding,setting to 1000", out.text());
     }
-    EXPECT_EQ(0x3E, reg(KSSIM_CHIP_ASIC, 0x33));
-    EXPECT_EQ(0x80, reg(KSSIM_CHIP_ASIC, 0x35));
-    EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x31));
-    EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x32));
-    EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x34));
-    EXPECT_EQ(0x00, reg(KSSIM_CHIP_FPGA, 0x20));  // manual stays manual
-    EXPECT_EQ(1, reg(KSSIM_CHIP_FPGA, 0x08));
+    EXPECT_EQ((Bytes{0, 0, 0x3E, 0, 0x80}), regs(KSSIM_CHIP_ASIC, {0x31, 0x32, 0x33, 0x34, 0x35}));
+    EXPECT_EQ((Bytes{0x00, 1}), regs(KSSIM_CHIP_FPGA, {0x20, 0x08}));  // manual stays manual
     EXPECT_EQ(1, ae_closed_flag);
 
     ASSERT_EQ(0, ks_set_exposure_ov9281(&ctrl_, 500));  // 8000 = 0x1F40
-    EXPECT_EQ(0x1F, reg(KSSIM_CHIP_ASIC, 0x33));
-    EXPECT_EQ(0x40, reg(KSSIM_CHIP_ASIC, 0x35));
+    EXPECT_EQ((Bytes{0x1F, 0x40}), regs(KSSIM_CHIP_ASIC, {0x33, 0x35}));
     EXPECT_EQ(0x00, reg(KSSIM_CHIP_FPGA, 0x20));
 
     clear_traffic();
@@ -340,7 +290,7 @@ TEST_F(CmosControl, Ov9281ExposureIsManualInSixteenthsOfALine) {
 }
 
 TEST_F(CmosControl, Imx225ExposureCountsFromTheEndOfTheFrame) {
-    open_sensor(KSSIM_SENSOR_IMX225);
+    open_camera(KSSIM_SENSOR_IMX225);
     ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 30.0f));  // fps_y 1100
     ASSERT_EQ(0, ks_AE_open_up(&ctrl_));
     {
@@ -348,14 +298,11 @@ TEST_F(CmosControl, Imx225ExposureCountsFromTheEndOfTheFrame) {
         ASSERT_EQ(0, ks_set_exposure_sony_imx225(&ctrl_, 1200));  // capped to 1000
         EXPECT_EQ("Exposure setting exceeding,setting to 1000", out.text());
     }
-    EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x33));
-    EXPECT_EQ(100, reg(KSSIM_CHIP_ASIC, 0x35));
-    EXPECT_EQ(0x00, reg(KSSIM_CHIP_FPGA, 0x20));
-    EXPECT_EQ(1, reg(KSSIM_CHIP_FPGA, 0x08));
+    EXPECT_EQ((Bytes{0, 100}), regs(KSSIM_CHIP_ASIC, {0x33, 0x35}));
+    EXPECT_EQ((Bytes{0x00, 1}), regs(KSSIM_CHIP_FPGA, {0x20, 0x08}));
 
     ASSERT_EQ(0, ks_set_exposure_sony_imx225(&ctrl_, 300));
-    EXPECT_EQ(800 >> 8, reg(KSSIM_CHIP_ASIC, 0x33));
-    EXPECT_EQ(800 & 0xFF, reg(KSSIM_CHIP_ASIC, 0x35));
+    EXPECT_EQ((Bytes{800 >> 8, 800 & 0xFF}), regs(KSSIM_CHIP_ASIC, {0x33, 0x35}));
 
     // Longer than the frame: refused, nothing written, the guard left open.
     ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 500.0f));  // fps_y 66
@@ -371,14 +318,12 @@ TEST_F(CmosControl, Imx225ExposureCountsFromTheEndOfTheFrame) {
 }
 
 TEST_F(CmosControl, WhiteBalance) {
-    open_sensor(KSSIM_SENSOR_OV9281);
+    open_camera(KSSIM_SENSOR_OV9281);
     ASSERT_EQ(0, ks_set_white_balance_param(&ctrl_, 0x40, 0x50, 0x60));
     EXPECT_EQ((Writes{{0x21, 0x40}, {0x22, 0x50}, {0x23, 0x50}, {0x24, 0x60}}), writes_to(kAsic));
     uint8_t f = 0, m = 0, l = 0;
     ASSERT_EQ(0, ks_get_white_balance_param(&ctrl_, &f, &m, &l));
-    EXPECT_EQ(0x40, f);
-    EXPECT_EQ(0x50, m);
-    EXPECT_EQ(0x60, l);
+    EXPECT_EQ((Bytes{0x40, 0x50, 0x60}), (Bytes{f, m, l}));
     // Green sites that disagree leave the middle output alone.
     poke(KSSIM_CHIP_ASIC, 0x23, 0x51);
     m = 0x99;
@@ -398,36 +343,19 @@ TEST_F(CmosControl, ModelNamesAndStubs) {
         {KSSIM_SENSOR_AR0132, "AR0132"},
         {KSSIM_SENSOR_SC132GS, "SC132GS"}};
     for (const auto& model : models) {
-        open_sensor(model.first);
+        open_camera(model.first);
         uint8_t code = 0;
         ASSERT_EQ(0, ks_get_cmos_model(&ctrl_, &code));
         EXPECT_EQ(model.first, code);
         EXPECT_STREQ(model.second, ks_get_cmos_model_name(code));
         release_iic_ctrl(&ctrl_);
     }
-    open_sensor(KSSIM_SENSOR_OV9281);
     EXPECT_STREQ("None", ks_get_cmos_model_name(0));
     EXPECT_STREQ("None", ks_get_cmos_model_name(6));
-    EXPECT_STREQ("None", cmosname_undefined);
-    EXPECT_STREQ("SONY_IMX225", cmosname_sony);
 
+    // The getters without an implementation fail.
     StdoutCapture out;
     EXPECT_EQ(-1, ks_get_AE_status());
     EXPECT_EQ(-1, ks_get_exposure_ov9281());
     EXPECT_EQ(-1, ks_get_exposure_sony_imx225());
-    const std::string text = out.text();
-    for (const char* name :
-         {"ks_get_AE_status", "ks_get_exposure_ov9281", "ks_get_exposure_sony_imx225"}) {
-        const std::string head =
-            std::string("\n======\nTo Be Impl Func:\n") + name +
-            "()\nFile:\nks_asic_iic_ctrl/source/ks_iic_application_layer\nLine:";
-        EXPECT_NE(std::string::npos, text.find(head)) << text;
-    }
-    EXPECT_EQ(3u, [&] {
-        size_t n = 0;
-        for (size_t p = text.find("\n======\n\n"); p != std::string::npos;
-             p = text.find("\n======\n\n", p + 1))
-            ++n;
-        return n;
-    }());
 }
