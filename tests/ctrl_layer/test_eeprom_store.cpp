@@ -25,8 +25,6 @@ class EepromStore : public CtrlLayer {
         CtrlLayer::SetUp();
         open_camera();
     }
-    // The custom area as an erased EEPROM has it.
-    void erase_custom_area() { poke_eeprom(0x3C00, Bytes(0xB8, 0xFF)); }
 };
 
 _struct_rectify_cam_para_info para(uint8_t index, float cx, float cy, float fx, float fy) {
@@ -211,7 +209,7 @@ TEST_F(EepromStore, EprInfoTableEnumeratesAcrossGaps) {
     ASSERT_EQ(0, ks_get_current_stream_info(&ctrl_, &info));
     EXPECT_EQ(std::make_tuple(0, 720, 1280, 20, 25), fields(info));
 
-    erase_custom_area();
+    poke_eeprom(0x3C00, Bytes(0xB8, 0xFF));  // the custom area as an erased EEPROM has it
     info = {};
     EXPECT_EQ(-1, ks_enum_epr_info(&ctrl_, &info, 1));  // empty table
     EXPECT_EQ(-1, info.index);
