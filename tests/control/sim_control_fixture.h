@@ -61,6 +61,10 @@ class ControlSim : public simtest::SimTest {
         simtest::SimTest::TearDown();
     }
 
+    int fault(kssim_fault_kind kind, uint32_t count, uint32_t duration_ms = 0, int32_t value = 0) {
+        const kssim_fault f = {kind, count, duration_ms, value};
+        return kssim_camera_inject_fault(camera_, &f);
+    }
     uint8_t reg(kssim_chip chip, uint32_t r) {
         uint8_t v = 0;
         EXPECT_EQ(0, kssim_camera_register_read(camera_, chip, r, &v));
@@ -82,7 +86,6 @@ class ControlSim : public simtest::SimTest {
         EXPECT_EQ(0, kssim_camera_device_state(camera_, &s));
         return s;
     }
-    std::vector<kssim_message> traffic() { return traffic_of(camera_); }
     std::vector<kssim_message> requests() {
         std::vector<kssim_message> out;
         for (const kssim_message& m : traffic_of(camera_))

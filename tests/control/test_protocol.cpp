@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -252,45 +253,23 @@ TEST_F(ProtocolTest, RepliesOfTheWrongSizeAndOversizeRequestsAreRefused) {
     const unsigned char pins[3] = {4, 5, 17};
     const struct {
         size_t good, bad;
-        int (*call)(unsigned char*, unsigned int*, const unsigned char*);
+        std::function<int()> call;
     } cases[] = {
-        {32, 31,
-         [](unsigned char* b, unsigned*, const unsigned char*) {
-             return protocol_get_slaver_version(b);
-         }},
-        {256, 255,
-         [](unsigned char* b, unsigned*, const unsigned char*) {
-             return protocol_flash_read_page(0x12345, b);
-         }},
-        {1, 2,
-         [](unsigned char* b, unsigned*, const unsigned char*) { return protocol_get_status(b); }},
-        {1, 2,
-         [](unsigned char* b, unsigned*, const unsigned char*) {
-             return protocol_get_gpio(17, b);
-         }},
-        {4, 2,
-         [](unsigned char*, unsigned* c, const unsigned char*) {
-             return protocol_get_reset_count(c);
-         }},
-        {2, 1,
-         [](unsigned char* b, unsigned*, const unsigned char*) {
-             return protocol_iic_read(0xA1, 0x0123, b, 2);
-         }},
-        {2, 3,
-         [](unsigned char* b, unsigned*, const unsigned char*) {
-             return protocol_iic_read(0xA1, 0x0123, b, 2);
-         }},
-        {3, 2,
-         [](unsigned char* b, unsigned*, const unsigned char* p) {
-             return protocol_get_gpios(p, b, 3);
-         }},
+        {32, 31, [&] { return protocol_get_slaver_version(buf); }},
+        {256, 255, [&] { return protocol_flash_read_page(0x12345, buf); }},
+        {1, 2, [&] { return protocol_get_status(buf); }},
+        {1, 2, [&] { return protocol_get_gpio(17, buf); }},
+        {4, 2, [&] { return protocol_get_reset_count(&count); }},
+        {2, 1, [&] { return protocol_iic_read(0xA1, 0x0123, buf, 2); }},
+        {2, 3, [&] { return protocol_iic_read(0xA1, 0x0123, buf, 2); }},
+        {3, 2, [&] { return protocol_get_gpios(pins, buf, 3); }},
     };
     for (const auto& c : cases) {
         dev_.answer_with(std::vector<uint8_t>(c.good, 0x21));
-        EXPECT_EQ(0, c.call(buf, &count, pins)) << c.good;
+        EXPECT_EQ(0, c.call()) << c.good;
         dev_.answer_with(std::vector<uint8_t>(c.bad, 0x21));
         std::memset(buf, 0, sizeof buf);
-        EXPECT_EQ(-1, c.call(buf, &count, pins)) << c.bad;
+        EXPECT_EQ(-1, c.call()) << c.bad;
         EXPECT_EQ(0, buf[0]);
     }
     EXPECT_EQ(0x21212121u, count);
