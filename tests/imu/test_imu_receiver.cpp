@@ -115,20 +115,19 @@ TEST_F(ImuReceiver, ACameraWithoutImuEndsSetUpWithoutAReceiver) {
     EXPECT_EQ(1, log.count("IMU mode err 1000\n"));
 }
 
-TEST_F(ImuReceiver, SkippedSamplesAreReported) {
+TEST_F(ImuReceiver, PauseResumeAndReleaseStopTheReceiverWhileDrainingOrRunning) {
     open_camera();
-    ASSERT_EQ(0, init_IMU_module(&imu_, &fd_));
-    ASSERT_NE(nullptr, next_sample());
-    v4l2test::LogCapture log(LOG_WARN);
-    kssim_fault skip{KSSIM_FAULT_IMU_SKIP, 1, 0, 9000};
-    ASSERT_EQ(0, kssim_camera_inject_fault(camera_, &skip));
-    for (int i = 0; i < 40 && log.count("IMU SKIP DETECTED") == 0; ++i) next_sample();
-    EXPECT_EQ(1, log.count("\tWARNING : IMU SKIP DETECTED\n"));
-    EXPECT_EQ(1, log.count("DIFF 9001\n"));
-}
+    // Draining: the thread is started by hand and released at once.
+    imu_.fd = fd_;
+    alloc_imu_data_buff(&imu_);
+    create_imu_data_receive_thread(&imu_);
+    EXPECT_TRUE(imu_.has_thread);
+    EXPECT_EQ(0, release_imu_module(&imu_));
+    EXPECT_FALSE(imu_.has_thread);
+    EXPECT_EQ(nullptr, imu_.ring);
+    EXPECT_EQ(-1, imu_.fd);
 
-TEST_F(ImuReceiver, PauseStopsTheReceiverAndResumeProbesAgain) {
-    open_camera();
+    // Running: a pause stops the receiver, a resume probes again.
     ASSERT_EQ(0, init_IMU_module(&imu_, &fd_));
     ASSERT_NE(nullptr, next_sample());
     ASSERT_EQ(0, pause_Imu_Module(&imu_));
@@ -144,23 +143,6 @@ TEST_F(ImuReceiver, PauseStopsTheReceiverAndResumeProbesAgain) {
     ASSERT_EQ(0, resume_Imu_Module(&imu_));
     std::string printed = testing::internal::GetCapturedStdout();
     EXPECT_GT(std::stoi(printed), 0);  // the probe's sample count
-    ASSERT_NE(nullptr, next_sample());
-}
-
-TEST_F(ImuReceiver, ReleaseStopsTheReceiverWhileDrainingOrRunning) {
-    open_camera();
-    // Draining: the thread is started by hand and released at once.
-    imu_.fd = fd_;
-    alloc_imu_data_buff(&imu_);
-    create_imu_data_receive_thread(&imu_);
-    EXPECT_TRUE(imu_.has_thread);
-    EXPECT_EQ(0, release_imu_module(&imu_));
-    EXPECT_FALSE(imu_.has_thread);
-    EXPECT_EQ(nullptr, imu_.ring);
-    EXPECT_EQ(-1, imu_.fd);
-
-    // Running.
-    ASSERT_EQ(0, init_IMU_module(&imu_, &fd_));
     ASSERT_NE(nullptr, next_sample());
     EXPECT_EQ(0, release_imu_module(&imu_));
     EXPECT_FALSE(imu_.has_thread);

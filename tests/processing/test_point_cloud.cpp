@@ -104,16 +104,11 @@ TEST(PointCloud, ArgumentsAndMissingEnvironmentAreReported) {
     EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
 }
 
-TEST(RectDistance, AllZeroAndSingleValueRectangles) {
+TEST(RectDistance, ASingleValueHasNoMedian) {
+    // The histogram walk stops at the maximum before it passes half.
     std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
-    std::vector<uint16_t> map(16 * 12, 0);
-    _ks_rect_distance_info_s info = rect(2, 2, 5, 5, map);
-    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
-    expect_empty(info);
-
-    // One value only: no median, because the walk stops at the maximum.
-    std::fill(map.begin(), map.end(), 100);
-    info = rect(4, 3, 4, 4, map);
+    std::vector<uint16_t> map(16 * 12, 100);
+    _ks_rect_distance_info_s info = rect(4, 3, 4, 4, map);
     ASSERT_EQ(0, cam->calculate_rect_distance(&info));
     EXPECT_TRUE(info.min_disparity == 100 && info.max_disparity == 100 &&
                 info.mean_disparity == 100);
@@ -144,13 +139,10 @@ TEST(RectDistance, StatisticsOverTheInclusiveRectangle) {
     EXPECT_FLOAT_EQ(4800.0f, info.max_distance);
     EXPECT_FLOAT_EQ(30000.0f * 32.0f / 283.0f, info.mean_distance);
     EXPECT_FLOAT_EQ(3200.0f, info.median_distance);
-    // Centre (2 + 2, 2 + 1) against (8, 6): u = -4, v = -3 pixels.
-    auto point = [](float d) {
-        const float u = 4.0f * d / 500.0f, v = 3.0f * d / 500.0f;
-        return std::sqrt(u * u + v * v + d * d);
-    };
-    EXPECT_FLOAT_EQ(point(3200.0f), info.median_point_distance);
-    EXPECT_FLOAT_EQ(point(info.mean_distance), info.mean_point_distance);
+    // Centre (2 + 2, 2 + 1) against (8, 6): 4 and 3 pixels off the axis, so
+    // the points lie 1.00005 times as far as their depth.
+    EXPECT_NEAR(3200.16, info.median_point_distance, 0.005);
+    EXPECT_NEAR(3392.396, info.mean_point_distance, 0.005);
 
     // Disparities past the histogram are counted but not binned.
     std::fill(map.begin(), map.end(), 0);
@@ -178,9 +170,11 @@ TEST(RectDistance, RectanglesAtAndPastTheImageEdgeReadOnlyTheImage) {
         EXPECT_FLOAT_EQ(1.0f, r.valid_ratio);
         EXPECT_EQ(64, r.mean_disparity);
     }
-    // Starting outside, or with y + height wrapping: nothing is visited.
+    // Starting outside, or with y + height wrapping: nothing is visited. A
+    // rectangle of zeros reports the same.
+    std::vector<uint16_t> zeros(13 * 7, 0);
     for (auto r : {rect(60000, 3, 10, 1, map), rect(0, 65530, 2, 10, map),
-                   rect(65535, 0, 65535, 65535, map)}) {
+                   rect(65535, 0, 65535, 65535, map), rect(2, 2, 5, 4, zeros)}) {
         ASSERT_EQ(0, cam->calculate_rect_distance(&r));
         expect_empty(r);
     }

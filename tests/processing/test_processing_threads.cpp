@@ -44,14 +44,12 @@ struct Job {
         cam.height = h;
         cam.bxf = bxf;
     }
-    std::vector<uint16_t> dense() {
+    std::vector<uint16_t> dense() { return process(&ProcessingCamera::dense_disparity); }
+    std::vector<uint16_t> filter() { return process(&ProcessingCamera::filter_disparity); }
+    template <typename Op>
+    std::vector<uint16_t> process(Op op) {
         DisparityMaps m = scene;
-        EXPECT_EQ(0, cam.dense_disparity(m.width, m.height, m.input.data(), m.grey.data()));
-        return m.input;
-    }
-    std::vector<uint16_t> filter() {
-        DisparityMaps m = scene;
-        EXPECT_EQ(0, cam.filter_disparity(m.width, m.height, m.input.data(), m.grey.data()));
+        EXPECT_EQ(0, (cam.*op)(m.width, m.height, m.input.data(), m.grey.data()));
         return m.input;
     }
     void run(int rounds) {

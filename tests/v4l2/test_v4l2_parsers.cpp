@@ -130,8 +130,7 @@ TEST(Parsers, RgbdOffsetsAndTheirClamp) {
         EXPECT_EQ(3, log.count("Unexpect Negative Disp Value. set to 0\n"));
     }
     ksV4l2SetDisparityOffset(cam, 0);
-    ksV4l2SetSearchRangeOffset(cam, 2);
-    EXPECT_EQ(64, cam->range_offset.load());
+    ksV4l2SetSearchRangeOffset(cam, 2);  // in pixels: 64 in disparity steps
     EXPECT_EQ(2, ksV4l2GetRangeOffset(cam));
     parseRgbDFrame(f.bytes.data(), cam, &out, o.meta.data());
     EXPECT_EQ(164, o.disparity[7]);
