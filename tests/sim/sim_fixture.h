@@ -148,16 +148,6 @@ class Capture {
         if (info != nullptr) *info = b;
         return queue(b.index);
     }
-    // Frames per second of the buffers' timestamps over `frames` frames.
-    double measure_rate(int frames) {
-        std::vector<uint8_t> f;
-        v4l2_buffer first{}, last{};
-        EXPECT_EQ(0, next_frame(f, &first));
-        for (int i = 0; i < frames; ++i) EXPECT_EQ(0, next_frame(f, &last));
-        const int64_t us = (last.timestamp.tv_sec - first.timestamp.tv_sec) * 1000000 +
-                           (last.timestamp.tv_usec - first.timestamp.tv_usec);
-        return (last.sequence - first.sequence) * 1e6 / static_cast<double>(us);
-    }
     void unmap() {
         for (auto& m : maps_) ks_sys_munmap(m.first, m.second);
         maps_.clear();

@@ -1,8 +1,10 @@
 // The camera's control channel: the extension unit, the controller
-// firmware's framing and commands, the chips behind it and the control
-// faults, spoken with the tests' own protocol client.
-#include <algorithm>
+// firmware's framing and commands, the chips behind it (with the sensors'
+// exposure and gain as seen in the frames) and the control faults, spoken
+// with the tests' own protocol client.
+#include <cmath>
 
+#include "frame_decoder.h"
 #include "sim_fixture.h"
 #include "xu_client.h"
 
@@ -25,7 +27,6 @@ class SimControl : public SimTest {
     int inject(kssim_fault_kind kind, uint32_t count, int32_t value = 0, uint32_t duration_ms = 0) {
         return SimTest::inject(cam_, kind, count, value, duration_ms);
     }
-    using SimTest::state;
     kssim_device_state state() { return SimTest::state(cam_); }
     uint8_t asic(uint16_t reg) {
         uint8_t v = 0xEE;
@@ -48,6 +49,12 @@ class SimControl : public SimTest {
         ASSERT_EQ(0, xu_.set_asic(0));
         ASSERT_EQ(0, xu_.set_asic(1));
         wait_asic();
+    }
+    // Mean-luma statistic (S0) of the camera's next frame.
+    uint32_t mean_luma() {
+        std::vector<uint8_t> f(1280 * 720 * 3);
+        EXPECT_GT(kssim_camera_produce_frame(cam_, f.data(), f.size()), 0);
+        return frame_test::Frame(f.data(), 1280, 720).ae(0);
     }
     uint32_t resets() {
         uint32_t n = 99;
@@ -168,16 +175,12 @@ TEST_F(SimControl, RepliesEchoTheRequestAndMalformedOnesAreRefusedWithAStall) {
         EXPECT_EQ(EIO, refused(xutest::request(++id, r.command, r.parameter, r.data))) << id;
 }
 
-TEST_F(SimControl, FlashEraseWriteReadRoundTripLikeNorFlash) {
+TEST_F(SimControl, FlashProgramsLikeNorFlashWithinItsSize) {
     const uint32_t base = (20 + 101) * 4096;  // EPR slot 20
     std::vector<uint8_t> page;
     std::vector<uint8_t> bytes(8192);
     for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7 + 3);
-    ASSERT_EQ(0, xu_.flash_store(base, bytes));
-    for (uint32_t p = 0; p < 8192; p += 256) {
-        ASSERT_EQ(0, xu_.flash_read(base + p, &page));
-        EXPECT_TRUE(std::equal(page.begin(), page.end(), bytes.begin() + p)) << p;
-    }
+    ASSERT_EQ(0, kssim_camera_flash_write(cam_, base, bytes.data(), bytes.size()));
     // Programming without erasing only clears bits; an erase clears one sector.
     ASSERT_EQ(0, xu_.flash_write(base, std::vector<uint8_t>(256, 0xF0)));
     ASSERT_EQ(0, xu_.flash_read(base, &page));
@@ -196,17 +199,9 @@ TEST_F(SimControl, FlashEraseWriteReadRoundTripLikeNorFlash) {
 }
 
 TEST_F(SimControl, I2CReachesTheAsicTheEepromAndTheFpga) {
-    EXPECT_EQ(0x34, asic(0x1F));
-    EXPECT_EQ(0xEA, asic(0xF0));
-    uint8_t v = 0;
-    ASSERT_EQ(0, xu_.fpga_read(0x1F, &v));
-    EXPECT_EQ(0x56, v);
-    ASSERT_EQ(0, xu_.fpga_read(0x00, &v));
-    EXPECT_EQ(0x22, v);  // PCB revision 2, OV9281
-    EXPECT_EQ(std::make_pair(50u * 128, 35000u * 4096), constants());
-
     // Registers hold what is written; the search range reads back at 0x4F;
     // identity and hardware info are read-only.
+    uint8_t v = 0;
     std::vector<uint8_t> regs;
     ASSERT_EQ(0, xu_.i2c_write(0xCC, 0x71, {3, 0x80, 1, 0x40}));
     ASSERT_EQ(0, xu_.i2c_read(0xCD, 0x71, 4, &regs));
@@ -244,7 +239,7 @@ TEST_F(SimControl, I2CReachesTheAsicTheEepromAndTheFpga) {
     EXPECT_EQ(0x60, asic(0x4F));
 }
 
-TEST_F(SimControl, PowerCyclesReloadTheEprAndItsConstants) {
+TEST_F(SimControl, PowerCyclesReloadTheEprItsConstantsAndTheChannel) {
     // Another image in the effective area counts from the next power-up.
     std::vector<uint8_t> img(KSSIM_EPR_SIZE);
     ASSERT_EQ(0, kssim_epr_build(img.data(), 640, 480, 28000.0, 40.0, 9));
@@ -279,9 +274,17 @@ TEST_F(SimControl, PowerCyclesReloadTheEprAndItsConstants) {
     ASSERT_EQ(0, xu_.asic_write(0x42, 0x20));
     ASSERT_EQ(0, xu_.set_asic(1));
     EXPECT_EQ(1u, resets());
+    // The simulator's channel setter reaches the register; another value
+    // written there is kept by the register while the node keeps its channel.
+    ASSERT_EQ(0, kssim_camera_set_output_channel(cam_, KSSIM_CHANNEL_ORIGIN_PAIR));
+    EXPECT_EQ(KSSIM_CHANNEL_ORIGIN_PAIR, asic(0x51));
+    ASSERT_EQ(0, xu_.asic_write(0x51, 0x10));
+    EXPECT_EQ(0x10, asic(0x51));
+    EXPECT_EQ(KSSIM_CHANNEL_ORIGIN_PAIR, kssim_camera_output_channel(cam_));
     power_cycle();
     EXPECT_EQ(2u, resets());
     EXPECT_EQ(0, asic(0x4F));
+    EXPECT_EQ(KSSIM_CHANNEL_ORIGIN_PAIR, asic(0x51));  // the setter's channel comes up again
 
     // A damaged effective image: the ASIC runs but reports a failed load.
     ASSERT_EQ(0, xu_.eeprom_write(100, img[100] ^ 0x01));
@@ -290,54 +293,6 @@ TEST_F(SimControl, PowerCyclesReloadTheEprAndItsConstants) {
     EXPECT_EQ(std::make_pair(0u, 0u), constants());
     ASSERT_EQ(0, xu_.status(&status));
     EXPECT_EQ(0x01, status);
-
-    // The "1022" firmware has no reset state: GPIO 17 powers the ASIC.
-    kssim_camera* old = add_camera([](kssim_camera_config& c) {
-        std::strcpy(c.firmware, "1022.3");
-        std::strcpy(c.serial, "OLD00002");
-    });
-    Client o;
-    ASSERT_TRUE(o.open(kssim_camera_node_path(old, KSSIM_NODE_CAPTURE)));
-    EXPECT_EQ(EIO, o.set_asic(0));
-    ASSERT_EQ(0, o.set_gpio(17, 0));
-    EXPECT_EQ(0, state(old).asic_powered);
-    EXPECT_EQ(EIO, o.asic_read(0x1F, &v));
-    ASSERT_EQ(0, o.set_gpio(17, 1));
-    ks_sys_usleep(50000);
-    ASSERT_EQ(0, o.asic_read(0xF0, &v));
-    EXPECT_EQ(0xEA, v);
-}
-
-TEST_F(SimControl, EepromUpdateCopiesAFlashSlotDuringABusyPeriod) {
-    std::vector<uint8_t> img(KSSIM_EPR_SIZE);
-    ASSERT_EQ(0, kssim_epr_build(img.data(), 640, 480, 30000.0, 45.0, 3));
-    img.resize(4096, 0);  // uploads are padded to whole sectors
-    ASSERT_EQ(0, xu_.flash_store((5 + 101) * 4096, img));
-    // Real time: the checks right after the request must fall into the busy period.
-    ASSERT_EQ(0, kssim_world_set_warp(world_, 1.0));
-    const int64_t t0 = simtest::virtual_now_us();
-    ASSERT_EQ(0, xu_.send(xutest::request(900, 5, 0, {5})));
-    Block b{};
-    EXPECT_EQ(EIO, xu_.receive(b));  // busy: every query fails at the transport
-    EXPECT_EQ(1, state().eeprom_busy);
-    int failures = 0;
-    uint8_t status = 0;
-    for (; xu_.status(&status) != 0; ++failures) {
-        ks_sys_usleep(20000);
-        ASSERT_LT(failures, 100);
-    }
-    EXPECT_GE(simtest::virtual_now_us() - t0, 300000);
-    EXPECT_GE(failures, 1);
-    ASSERT_EQ(0, kssim_world_set_warp(world_, 50.0));
-    std::vector<uint8_t> eeprom(KSSIM_EPR_SIZE);
-    ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0, eeprom.data(), eeprom.size()));
-    EXPECT_TRUE(std::equal(eeprom.begin(), eeprom.end(), img.begin()));
-    uint8_t custom = 0;  // the custom area is untouched
-    ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0x3C18, &custom, 1));
-    EXPECT_EQ(0xC4, custom);
-    power_cycle();
-    EXPECT_EQ(640, state().epr_width);
-    EXPECT_DOUBLE_EQ(45.0, state().baseline);
 }
 
 TEST_F(SimControl, ControlFaultsHaveTheirDocumentedEffects) {
@@ -387,29 +342,8 @@ TEST_F(SimControl, ControlFaultsHaveTheirDocumentedEffects) {
     EXPECT_EQ(-1, inject(KSSIM_FAULT_REPLY_LONG_LENGTH, 1, 256));
     EXPECT_EQ(0, xu_.version(&v));
 
-    // I2C refusals per device and direction (value 1 writes, 2 reads).
+    // An EEPROM byte that does not stick: acknowledged, the old value stays.
     uint8_t r = 0;
-    ASSERT_EQ(0, inject(KSSIM_FAULT_I2C_REFUSE_EEPROM, 1, 1));
-    EXPECT_EQ(0, xu_.eeprom_read(0x3C09, &r));
-    EXPECT_EQ(0, xu_.asic_read(0x1F, &r));  // other devices answer
-    EXPECT_EQ(EIO, xu_.eeprom_write(0x3C09, 7));
-    ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0x3C09, &r, 1));
-    EXPECT_EQ(0xFF, r);  // a refused write stores nothing
-    ASSERT_EQ(0, inject(KSSIM_FAULT_I2C_REFUSE_ASIC, 1, 2));
-    EXPECT_EQ(0, xu_.asic_write(0x42, 5));
-    EXPECT_EQ(EIO, xu_.asic_read(0x4F, &r));
-    EXPECT_EQ(5, asic(0x4F));
-    ASSERT_EQ(0, inject(KSSIM_FAULT_I2C_REFUSE_FPGA, 0));  // both, until cleared
-    EXPECT_EQ(EIO, xu_.fpga_read(0x1F, &r));
-    EXPECT_EQ(EIO, xu_.fpga_write(0x30, 1));
-    ASSERT_EQ(0, kssim_camera_clear_fault(cam_, KSSIM_FAULT_I2C_REFUSE_FPGA));
-
-    // EEPROM bytes that do not stick: acknowledged, the old value stays; at
-    // every address by count, or at one address.
-    ASSERT_EQ(0, inject(KSSIM_FAULT_EEPROM_NO_STICK, 1));
-    ASSERT_EQ(0, xu_.eeprom_write(0x3C08, 0xC2));
-    ASSERT_EQ(0, xu_.eeprom_read(0x3C08, &r));
-    EXPECT_EQ(0xFF, r);
     ASSERT_EQ(0, inject(KSSIM_FAULT_EEPROM_NO_STICK, 0, KSSIM_EEPROM_ADDRESS(0x3C09)));
     ASSERT_EQ(0, xu_.i2c_write(0xA0, 0x3C08, {0x11, 0x22, 0x33}));
     std::vector<uint8_t> bytes;
@@ -427,24 +361,6 @@ TEST_F(SimControl, ControlFaultsHaveTheirDocumentedEffects) {
     ASSERT_EQ(0, xu_.fpga_read(0x1F, &r));
     EXPECT_EQ(0x56, r);
 
-    // Flash writes and erases refused, changing nothing.
-    const uint32_t base = (30 + 101) * 4096;
-    ASSERT_EQ(0, inject(KSSIM_FAULT_FLASH_WRITE_FAIL, 2));
-    EXPECT_EQ(EIO, xu_.flash_erase(base));
-    EXPECT_EQ(EIO, xu_.flash_write(base, std::vector<uint8_t>(256, 0)));
-    ASSERT_EQ(0, xu_.flash_read(base, &bytes));
-    EXPECT_EQ(std::vector<uint8_t>(256, 0xFF), bytes);
-    EXPECT_EQ(0, xu_.flash_write(base, std::vector<uint8_t>(256, 0)));
-
-    // A slow EEPROM update keeps the controller busy for the value given.
-    ASSERT_EQ(0, inject(KSSIM_FAULT_SLOW_EEPROM_UPDATE, 1, 20000));
-    const int64_t t0 = simtest::virtual_now_us();
-    xu_.update_eeprom(0);
-    ks_sys_usleep(1000000);
-    EXPECT_EQ(1, state().eeprom_busy);  // a normal update would be over
-    while (xu_.status(&r) != 0) ks_sys_usleep(200000);
-    EXPECT_GE(simtest::virtual_now_us() - t0, 20000000);
-
     // An invalid EPR fails the load at once and at each power-up of the
     // count, without touching the EEPROM.
     ASSERT_EQ(0, inject(KSSIM_FAULT_INVALID_EPR, 2));
@@ -454,4 +370,81 @@ TEST_F(SimControl, ControlFaultsHaveTheirDocumentedEffects) {
     EXPECT_EQ(0x00, asic(0xF0));
     power_cycle();
     EXPECT_EQ(0xEA, asic(0xF0));
+}
+
+TEST_F(SimControl, OutputIndicesCountFramesAndCanFreeze) {
+    // 30 frames a second of virtual time, bracketed by the clock around the reads.
+    const int64_t b0 = simtest::virtual_now_us();
+    const uint8_t a0 = asic(0xE2);
+    const int64_t e0 = simtest::virtual_now_us();
+    ks_sys_usleep(1000000);
+    const int64_t b1 = simtest::virtual_now_us();
+    const uint8_t a1 = asic(0xE2);
+    const int64_t e1 = simtest::virtual_now_us();
+    EXPECT_GE(static_cast<uint8_t>(a1 - a0), std::floor((b1 - e0) * 30e-6) - 1);
+    EXPECT_LE(static_cast<uint8_t>(a1 - a0), std::ceil((e1 - b0) * 30e-6) + 1);
+    std::vector<uint8_t> both;  // one transfer: both indices at the same instant
+    ASSERT_EQ(0, xu_.i2c_read(0xCD, 0xE2, 2, &both));
+    EXPECT_EQ(both[0], both[1]);
+
+    ASSERT_EQ(0, inject(KSSIM_FAULT_OUTPUT_INDEX_FROZEN, 3, 2));  // sensor B, three reads
+    const uint8_t frozen = asic(0xE3);
+    ks_sys_usleep(200000);
+    EXPECT_EQ(frozen, asic(0xE3));
+    EXPECT_NE(frozen, asic(0xE2));  // A goes on
+    EXPECT_EQ(frozen, asic(0xE3));
+    ks_sys_usleep(200000);
+    EXPECT_NE(frozen, asic(0xE3));  // the count ran out
+
+    // The indices stop while the sensors are in standby.
+    ASSERT_EQ(0, xu_.asic_write(0xF0, 3));
+    ASSERT_EQ(0, xu_.sensor_write(0x0100, 0));
+    EXPECT_EQ(0, state().sensors_streaming);
+    const uint8_t idle = asic(0xE2);
+    ks_sys_usleep(300000);
+    EXPECT_EQ(idle, asic(0xE2));
+    ASSERT_EQ(0, xu_.sensor_write(0x0100, 1));
+    ks_sys_usleep(300000);
+    EXPECT_NE(idle, asic(0xE2));
+}
+
+TEST_F(SimControl, ExposureAndGainChangeTheBrightnessAndItsStatistics) {
+    const uint32_t automatic = mean_luma();
+    ASSERT_GT(automatic, 1000u);
+    // Stopping AE keeps the exposure it had.
+    ASSERT_EQ(0, xu_.fpga_write(0x20, 0));
+    EXPECT_EQ(automatic, mean_luma());
+    // Manual exposure 250 lines (x16 = 0x0FA0): half the automatic level.
+    ASSERT_EQ(0, xu_.asic_write(0x33, 0x0F));
+    ASSERT_EQ(0, xu_.asic_write(0x35, 0xA0));
+    const uint32_t half = mean_luma();
+    EXPECT_NEAR(automatic / 2.0, half, automatic * 0.05);
+    // Twice the gain brings it back, once the bridge is opened for sensor
+    // commands (reads of its register stay the EPR status).
+    ASSERT_EQ(0, xu_.sensor_write(0x3509, 0x20));
+    EXPECT_EQ(half, mean_luma());
+    ASSERT_EQ(0, xu_.asic_write(0xF0, 3));
+    EXPECT_EQ(0xEA, asic(0xF0));
+    ASSERT_EQ(0, xu_.sensor_write(0x3509, 0x20));
+    EXPECT_NEAR(automatic, mean_luma(), automatic * 0.05);
+    // AE on again: the automatic level whatever the settings.
+    ASSERT_EQ(0, xu_.fpga_write(0x20, 0x10));
+    EXPECT_EQ(automatic, mean_luma());
+}
+
+TEST_F(SimControl, ImuFifoHoldsAtMost1024SamplesAndRepliesCarryTenRecords) {
+    ks_sys_usleep(3000000);  // 1200 samples at 400 Hz, none read
+    EXPECT_EQ(1024u, state().imu_fifo_level);
+    // Records of 16 bytes, oldest first: type 3, 1 g on y, consecutive counters.
+    Message m;
+    ASSERT_EQ(0, xu_.exchange(13, 0, {}, &m));
+    ASSERT_EQ(160u, m.length);
+    for (size_t i = 0; i < 160; i += 16) {
+        EXPECT_EQ(0x03, m.data[i]);
+        EXPECT_NEAR(8192, static_cast<int16_t>(m.data[i + 3] | m.data[i + 4] << 8), 6);
+        if (i > 0) {
+            EXPECT_EQ(static_cast<uint16_t>((m.data[i - 2] | m.data[i - 1] << 8) + 1),
+                      m.data[i + 14] | m.data[i + 15] << 8);
+        }
+    }
 }

@@ -71,8 +71,6 @@ TEST_F(SimFaults, UnplugFailsEveryRequestWakesSelectAndReplugComesBackFresh) {
     EXPECT_EQ(MAP_FAILED, ks_sys_mmap(nullptr, 4096, PROT_READ, MAP_SHARED, c.fd(), 0));
     EXPECT_EQ(ENODEV, errno);
     EXPECT_EQ(1, idle.wait(0));  // a gone device polls readable
-    EXPECT_EQ(-1, ks_sys_open(node(), O_RDWR, 0));
-    EXPECT_EQ(ENOENT, errno);
     EXPECT_EQ(1, kssim_camera_fault_active(cam_, KSSIM_FAULT_UNPLUG));
 
     ASSERT_EQ(0, kssim_camera_replug(cam_));
@@ -98,7 +96,7 @@ TEST_F(SimFaults, UnplugFailsEveryRequestWakesSelectAndReplugComesBackFresh) {
     EXPECT_EQ(0, kssim_camera_fault_active(cam_, KSSIM_FAULT_UNPLUG));
 }
 
-TEST_F(SimFaults, FrameBufferAndFormatFaultsHaveTheirDocumentedEffects) {
+TEST_F(SimFaults, FrameAndBufferFaultsHaveTheirDocumentedEffects) {
     // Bad markers and frozen ids last their frame counts; the frame being
     // counted when the id froze got its own id, the next four repeat it.
     std::vector<uint8_t> buf(640 * 480 * 3);
@@ -119,44 +117,14 @@ TEST_F(SimFaults, FrameBufferAndFormatFaultsHaveTheirDocumentedEffects) {
     }
     EXPECT_EQ(0, kssim_camera_fault_active(cam_, KSSIM_FAULT_BAD_MARKER));
 
+    // Fewer buffers for one request; more than 32 cannot be armed.
     Capture c;
     ASSERT_TRUE(c.open(node()));
     ASSERT_EQ(0, inject(KSSIM_FAULT_FEWER_BUFFERS, 1, 0, 4));
     EXPECT_EQ(4, c.map_buffers(8));
     c.unmap();
     EXPECT_EQ(8, c.map_buffers(8));
-    c.unmap();
     EXPECT_EQ(-1, inject(KSSIM_FAULT_FEWER_BUFFERS, 1, 0, 33));
-    c.close();  // the format is fixed while buffers are allocated
-    ASSERT_TRUE(c.open(node()));
-
-    v4l2_capability cap;
-    ASSERT_EQ(0, inject(KSSIM_FAULT_QUERYCAP_FAIL, 2));
-    EXPECT_EQ(EIO, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
-    EXPECT_EQ(EIO, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
-    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
-    ASSERT_EQ(0, inject(KSSIM_FAULT_QUERYCAP_FAIL, 0, 500));  // by virtual duration
-    EXPECT_EQ(EIO, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
-    ks_sys_usleep(600000);
-    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
-    ASSERT_EQ(0, inject(KSSIM_FAULT_QUERYCAP_FAIL, 0, 0, ENODEV));  // until cleared
-    EXPECT_EQ(ENODEV, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
-    ASSERT_EQ(0, kssim_camera_clear_fault(cam_, KSSIM_FAULT_QUERYCAP_FAIL));
-    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_QUERYCAP, &cap));
-
-    ASSERT_EQ(0, inject(KSSIM_FAULT_S_FMT_FAIL, 1, 0, EINVAL));
-    EXPECT_EQ(EINVAL, c.set_format(640, 480));
-    v4l2_format f;
-    ASSERT_EQ(0, inject(KSSIM_FAULT_G_FMT_FAIL, 1));
-    f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    EXPECT_EQ(EIO, ioctl_errno(c.fd(), VIDIOC_G_FMT, &f));
-    ASSERT_EQ(0, inject(KSSIM_FAULT_OTHER_PIXFMT, 2));
-    ASSERT_EQ(0, c.set_format(640, 480, &f));
-    EXPECT_EQ(V4L2_PIX_FMT_YUYV, f.fmt.pix.pixelformat);
-    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_G_FMT, &f));
-    EXPECT_EQ(V4L2_PIX_FMT_YUYV, f.fmt.pix.pixelformat);
-    EXPECT_EQ(0, ioctl_errno(c.fd(), VIDIOC_G_FMT, &f));
-    EXPECT_EQ(V4L2_PIX_FMT_BGR24, f.fmt.pix.pixelformat);
 
     // Streamed frames carry a bad marker too; a stall stops them for its
     // virtual period and advances neither the ids nor the sequence.

@@ -1,7 +1,6 @@
 // The world seen through the platform seam: installation, the path
 // namespace and its links, node identity, formats, and the virtual clock.
 #include <dirent.h>
-#include <linux/uvcvideo.h>
 #include <stdlib.h>
 #include <strings.h>
 #include <sys/sysmacros.h>
@@ -287,8 +286,6 @@ TEST_F(SimTest, NodesOpenManyTimesAndRefuseUnknownOrMalformedRequests) {
     const int a = fds[0];
     EXPECT_EQ(ENOTTY, ioctl_errno(a, VIDIOC_G_INPUT, &cap));
     EXPECT_EQ(ENOTTY, ioctl_errno(a, 0xDEADBEEF, &cap));
-    uvc_xu_control_query q{};
-    EXPECT_EQ(ENOENT, ioctl_errno(a, UVCIOC_CTRL_QUERY, &q));  // no unit 0
     EXPECT_EQ(EFAULT, ioctl_errno(a, VIDIOC_QUERYCAP, nullptr));
     EXPECT_EQ(EFAULT, ioctl_errno(a, VIDIOC_DQBUF, nullptr));
     EXPECT_EQ(-1, ks_sys_open(path, O_RDWR | O_CREAT | O_EXCL, 0600));

@@ -146,19 +146,6 @@ class Client {
         return exchange(3, addr, page);
     }
     int flash_erase(uint32_t addr) { return exchange(4, addr, {}); }
-    // Sector by sector: erase, then 16 pages.
-    int flash_store(uint32_t addr, const std::vector<uint8_t>& bytes) {
-        for (size_t s = 0; s < bytes.size(); s += 4096) {
-            if (int e = flash_erase(addr + static_cast<uint32_t>(s))) return e;
-            for (size_t p = s; p < s + 4096; p += 256) {
-                std::vector<uint8_t> page(256, 0);
-                for (size_t i = 0; i < 256 && p + i < bytes.size(); ++i) page[i] = bytes[p + i];
-                if (int e = flash_write(addr + static_cast<uint32_t>(p), page)) return e;
-            }
-        }
-        return 0;
-    }
-    int update_eeprom(uint8_t slot) { return exchange(5, 0, {slot}); }
     int i2c_read(uint8_t dev, uint16_t reg, uint32_t n, std::vector<uint8_t>* out) {
         Message m;
         const std::vector<uint8_t> len = {uint8_t(n), uint8_t(n >> 8), uint8_t(n >> 16), 0};
@@ -188,17 +175,6 @@ class Client {
         *s = m.data[0];
         return 0;
     }
-    // IMU records of 16 bytes, oldest first.
-    int imu(std::vector<std::array<uint8_t, 16>>* records) {
-        Message m;
-        if (int e = exchange(13, 0, {}, &m)) return e;
-        records->clear();
-        for (size_t i = 0; i + 16 <= m.data.size(); i += 16) {
-            records->emplace_back();
-            std::memcpy(records->back().data(), m.data.data() + i, 16);
-        }
-        return 0;
-    }
     int set_asic(uint8_t state) { return exchange(14, 0, {state}); }
     int reset_count(uint32_t* n) {
         Message m;
@@ -220,10 +196,6 @@ class Client {
     int fd_ = -1;
     uint32_t id_ = 0;
 };
-
-inline uint16_t imu_counter(const std::array<uint8_t, 16>& r) {
-    return static_cast<uint16_t>(r[14] | (r[15] << 8));
-}
 
 }  // namespace xutest
 
