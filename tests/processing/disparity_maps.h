@@ -9,10 +9,15 @@
 #include <cstdint>
 #include <vector>
 
+#include "driver/driver_cpp/source/KSCamera.h"
+
 struct DisparityMaps {
     DisparityMaps(uint16_t w, uint16_t h, uint8_t grey_value = 128)
         : width(w), height(h), input(size_t{w} * h, 0), grey(size_t{w} * h, grey_value) {}
 
+    // The camera's operation on the maps, in place.
+    int dense(KSCamera& c) { return c.dense_disparity(width, height, input.data(), grey.data()); }
+    int filter(KSCamera& c) { return c.filter_disparity(width, height, input.data(), grey.data()); }
     void put(int r, int c, uint16_t v) { input[size_t(r + 3) * width + size_t(c + 22)] = v; }
     void block(int r0, int c0, int rows, int cols, uint16_t v) {
         for (int r = r0; r < r0 + rows; ++r)

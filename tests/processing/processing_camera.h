@@ -12,9 +12,7 @@
 // Every getter the processing needs stays at KSCamera's "not supported".
 class BaseOnlyCamera : public StubTransportCamera {
   public:
-    float focal_field() const { return m_focal; }
     const float* depth_table() const { return m_depth_table.data(); }
-    const float* lateral_table() const { return m_lateral_table.data(); }
     uint16_t max_limit() const { return m_max_disparity_limit; }
     uint16_t min_limit() const { return m_min_disparity_limit; }
     float small_region_threshold() const { return m_small_region_ratio_threshold; }

@@ -17,8 +17,8 @@ TEST(LineOffset, OnlyTheFirstCallOfTheProcessReadsAndAppliesIt) {
             ProcessingCamera cam;
             cam.line_get_result = -2;
             DisparityMaps m(640, 480);
-            const int first = cam.filter_disparity(640, 480, m.input.data(), m.grey.data());
-            const int second = cam.filter_disparity(640, 480, m.input.data(), m.grey.data());
+            const int first = m.filter(cam);
+            const int second = m.filter(cam);
             std::exit(first == -13 && second == 0 && cam.line_get_calls == 1 ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
@@ -28,7 +28,7 @@ TEST(LineOffset, OnlyTheFirstCallOfTheProcessReadsAndAppliesIt) {
             cam.line_offset = -1e30f;
             DisparityMaps m(640, 480);
             m.block(40, 100, 10, 10, 1000);
-            const int rc = cam.dense_disparity(640, 480, m.input.data(), m.grey.data());
+            const int rc = m.dense(cam);
             std::exit(rc == 0 && m.count_nonzero() == 0 ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
@@ -41,16 +41,16 @@ TEST(LineOffset, OnlyTheFirstCallOfTheProcessReadsAndAppliesIt) {
     other.line_offset = -7.0f;
     DisparityMaps first(640, 480), second(640, 480), third(640, 480);
     for (DisparityMaps* m : {&first, &second, &third}) m->block(40, 100, 10, 10, 1000);
-    ASSERT_EQ(0, cam.dense_disparity(640, 480, first.input.data(), first.grey.data()));
+    ASSERT_EQ(0, first.dense(cam));
     EXPECT_EQ(6u * 640u, cam.dense_start_offset());
     EXPECT_TRUE(first.all(37, 105, 10, 1, 1000));  // 3 rows higher than placed
     EXPECT_EQ(0, first.out(47, 105));
 
-    ASSERT_EQ(0, cam.filter_disparity(640, 480, second.input.data(), second.grey.data()));
+    ASSERT_EQ(0, second.filter(cam));
     EXPECT_EQ(3u * 640u, cam.dense_start_offset());
     EXPECT_EQ(0, second.out(39, 105));
     EXPECT_TRUE(second.all(40, 105, 10, 1, 1000));
-    ASSERT_EQ(0, other.dense_disparity(640, 480, third.input.data(), third.grey.data()));
+    ASSERT_EQ(0, third.dense(other));
     EXPECT_EQ(1000, third.out(40, 105));
     EXPECT_EQ(1, cam.line_get_calls);
     EXPECT_EQ(0, other.line_get_calls);

@@ -1,4 +1,5 @@
-// Point cloud and rectangle statistics on test-built maps.
+// Point cloud and rectangle statistics on test-built maps, and the
+// argument checks of every processing operation.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,12 +9,6 @@
 #include "processing_camera.h"
 
 namespace {
-
-ProcessingCamera* make_camera(uint16_t w, uint16_t h, float bxf = 30000.0f, float base = 60.0f) {
-    auto* c = new ProcessingCamera;
-    c->width = w, c->height = h, c->bxf = bxf, c->base = base;
-    return c;
-}
 
 _ks_rect_distance_info_s rect(uint16_t x, uint16_t y, uint16_t w, uint16_t h,
                               std::vector<uint16_t>& map) {
@@ -38,14 +33,15 @@ void expect_empty(const _ks_rect_distance_info_s& info) {
 }  // namespace
 
 TEST(PointCloud, PointsArePackedWithSignsAndBuffersFollowTheResolution) {
-    std::unique_ptr<ProcessingCamera> cam(make_camera(8, 6, 50000.0f, 100.0f));
+    ProcessingCamera cam;
+    cam.width = 8, cam.height = 6, cam.bxf = 50000.0f, cam.base = 100.0f;
     std::vector<uint16_t> map(8 * 6, 0);
     map[1 * 8 + 2] = 32;    // above and left of the centre (4, 3)
     map[3 * 8 + 4] = 64;    // the centre
     map[5 * 8 + 7] = 5000;  // beyond the table: computed on the spot
     uint32_t count = 99;
     float *x = nullptr, *y = nullptr, *z = nullptr;
-    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(map.data(), &count, &x, &y, &z));
+    ASSERT_EQ(0, cam.convert_disparity_to_point_cloud(map.data(), &count, &x, &y, &z));
     ASSERT_EQ(3u, count);
     // Row-major order; one pixel of disparity with bxf 50000 is 50000 away;
     // left of the centre is negative X, above it positive Y.
@@ -62,74 +58,59 @@ TEST(PointCloud, PointsArePackedWithSignsAndBuffersFollowTheResolution) {
     // The buffers are reused, and an empty map leaves them all zero.
     std::vector<uint16_t> empty(8 * 6, 0);
     float *x2 = nullptr, *y2 = nullptr, *z2 = nullptr;
-    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(empty.data(), &count, &x2, &y2, &z2));
+    ASSERT_EQ(0, cam.convert_disparity_to_point_cloud(empty.data(), &count, &x2, &y2, &z2));
     EXPECT_EQ(0u, count);
     EXPECT_TRUE(x == x2 && y == y2 && z == z2);
     for (int i = 0; i < 48; ++i) EXPECT_EQ(0.0f, std::fabs(x2[i]) + std::fabs(y2[i]) + z2[i]);
 
     // The stream's size grew: the buffers must hold the larger image.
-    cam->set_image_size(33, 17);
+    cam.set_image_size(33, 17);
     std::vector<uint16_t> large(33 * 17, 64);
     large[0] = 0;
-    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(large.data(), &count, &x, &y, &z));
+    ASSERT_EQ(0, cam.convert_disparity_to_point_cloud(large.data(), &count, &x, &y, &z));
     EXPECT_EQ(33u * 17u - 1u, count);
     EXPECT_FLOAT_EQ(25000.0f, z[count - 1]);
     EXPECT_FLOAT_EQ((32 - 16) * 50.0f, x[count - 1]);  // last column, 100 x 32 / 64 per pixel
     EXPECT_FLOAT_EQ((8 - 16) * 50.0f, y[count - 1]);
 }
 
-TEST(PointCloud, ArgumentsAndMissingEnvironmentAreReported) {
-    std::unique_ptr<ProcessingCamera> cam(make_camera(8, 6));
-    std::vector<uint16_t> map(48, 0);
+TEST(Processing, BadArgumentsAreRefused) {
+    ProcessingCamera cam;
+    std::vector<uint16_t> map(640 * 480, 0);
+    std::vector<uint8_t> grey(640 * 480, 0);
+    EXPECT_EQ(-1, cam.filter_disparity(640, 480, nullptr, grey.data()));
+    EXPECT_EQ(-1, cam.dense_disparity(640, 480, nullptr, grey.data()));
+    EXPECT_EQ(-1, cam.dense_disparity(640, 480, map.data(), nullptr));
+    EXPECT_EQ(0, cam.dense_disparity(0, 480, map.data(), grey.data()));
+
     uint32_t count = 5;
     float *x = nullptr, *y = nullptr, *z = nullptr;
-    EXPECT_EQ(-1, cam->convert_disparity_to_point_cloud(nullptr, &count, &x, &y, &z));
-    EXPECT_EQ(-1, cam->convert_disparity_to_point_cloud(map.data(), nullptr, &x, &y, &z));
-    EXPECT_EQ(-1, cam->convert_disparity_to_point_cloud(map.data(), &count, &x, &y, nullptr));
-
-    BaseOnlyCamera bare;
-    x = reinterpret_cast<float*>(&count);
-    EXPECT_EQ(-2, bare.convert_disparity_to_point_cloud(map.data(), &count, &x, &y, &z));
-    EXPECT_EQ(0u, count);
-    EXPECT_EQ(nullptr, x);
+    EXPECT_EQ(-1, cam.convert_disparity_to_point_cloud(nullptr, &count, &x, &y, &z));
+    EXPECT_EQ(-1, cam.convert_disparity_to_point_cloud(map.data(), nullptr, &x, &y, &z));
+    EXPECT_EQ(-1, cam.convert_disparity_to_point_cloud(map.data(), &count, &x, &y, nullptr));
 
     _ks_rect_distance_info_s info = rect(0, 0, 2, 2, map);
-    EXPECT_EQ(-2, bare.calculate_rect_distance(&info));
-    EXPECT_EQ(-1, cam->calculate_rect_distance(nullptr));
+    EXPECT_EQ(-1, cam.calculate_rect_distance(nullptr));
     info.width = 0;
-    EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
+    EXPECT_EQ(-1, cam.calculate_rect_distance(&info));
     info.width = 2, info.height = 0;
-    EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
+    EXPECT_EQ(-1, cam.calculate_rect_distance(&info));
     info.height = 2, info.disparity = nullptr;
-    EXPECT_EQ(-1, cam->calculate_rect_distance(&info));
-}
-
-TEST(RectDistance, ASingleValueHasNoMedian) {
-    // The histogram walk stops at the maximum before it passes half.
-    std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
-    std::vector<uint16_t> map(16 * 12, 100);
-    _ks_rect_distance_info_s info = rect(4, 3, 4, 4, map);
-    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
-    EXPECT_TRUE(info.min_disparity == 100 && info.max_disparity == 100 &&
-                info.mean_disparity == 100);
-    EXPECT_EQ(0, info.median_disparity);
-    EXPECT_FLOAT_EQ(4294967296.0f, info.median_distance);
-    EXPECT_FLOAT_EQ(1.0f, info.valid_ratio);
-    for (float d : {info.mean_distance, info.min_distance, info.max_distance})
-        EXPECT_FLOAT_EQ(9600.0f, d);  // 32 x 30000 / 100
+    EXPECT_EQ(-1, cam.calculate_rect_distance(&info));
 }
 
 TEST(RectDistance, StatisticsOverTheInclusiveRectangle) {
     // Camera 16 x 12, focal 500. The rectangle (2, 2) 4 x 2 visits rows 2..4
     // and columns 2..6: 15 pixels.
-    std::unique_ptr<ProcessingCamera> cam(make_camera(16, 12));
+    ProcessingCamera cam;
+    cam.width = 16, cam.height = 12;
     std::vector<uint16_t> map(16 * 12, 0);
     const uint16_t values[] = {200, 200, 200, 300, 400};
     for (int c = 2; c <= 6; ++c) map[2 * 16 + c] = values[c - 2];
     map[4 * 16 + 6] = 400;   // last visited row and column
     map[5 * 16 + 7] = 4000;  // outside: not visited
     _ks_rect_distance_info_s info = rect(2, 2, 4, 2, map);
-    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    ASSERT_EQ(0, cam.calculate_rect_distance(&info));
     EXPECT_EQ(200, info.min_disparity);
     EXPECT_EQ(400, info.max_disparity);
     EXPECT_EQ(283, info.mean_disparity);    // 1700 / 6
@@ -150,7 +131,7 @@ TEST(RectDistance, StatisticsOverTheInclusiveRectangle) {
     map[1] = 65535;
     map[2] = map[16] = map[17] = 5000;
     info = rect(0, 0, 3, 1, map);  // rows 0..1, columns 0..3
-    ASSERT_EQ(0, cam->calculate_rect_distance(&info));
+    ASSERT_EQ(0, cam.calculate_rect_distance(&info));
     EXPECT_EQ(4095, info.min_disparity);  // the start value is never beaten
     EXPECT_EQ(65535, info.max_disparity);
     EXPECT_EQ((12416 + 65535 + 3 * 5000) / 5, info.mean_disparity);
@@ -159,14 +140,28 @@ TEST(RectDistance, StatisticsOverTheInclusiveRectangle) {
     EXPECT_FLOAT_EQ(32.0f * 30000.0f / 65535.0f, info.min_distance);
     EXPECT_FLOAT_EQ(30000.0f * 32.0f / 4095.0f, info.max_distance);
     EXPECT_FLOAT_EQ(32.0f * 30000.0f / 5000.0f, info.median_distance);
+
+    // A single value has no median: the histogram walk stops at the maximum
+    // before it passes half.
+    std::fill(map.begin(), map.end(), 100);
+    info = rect(4, 3, 4, 4, map);
+    ASSERT_EQ(0, cam.calculate_rect_distance(&info));
+    EXPECT_TRUE(info.min_disparity == 100 && info.max_disparity == 100 &&
+                info.mean_disparity == 100);
+    EXPECT_EQ(0, info.median_disparity);
+    EXPECT_FLOAT_EQ(4294967296.0f, info.median_distance);
+    EXPECT_FLOAT_EQ(1.0f, info.valid_ratio);
+    for (float d : {info.mean_distance, info.min_distance, info.max_distance})
+        EXPECT_FLOAT_EQ(9600.0f, d);  // 32 x 30000 / 100
 }
 
 TEST(RectDistance, RectanglesAtAndPastTheImageEdgeReadOnlyTheImage) {
     // The map is exactly the image: any read past it is caught by ASan.
-    std::unique_ptr<ProcessingCamera> cam(make_camera(13, 7));
+    ProcessingCamera cam;
+    cam.width = 13, cam.height = 7;
     std::vector<uint16_t> map(13 * 7, 64);
     for (auto r : {rect(10, 5, 3, 2, map), rect(0, 0, 13, 7, map)}) {  // one more of each
-        ASSERT_EQ(0, cam->calculate_rect_distance(&r));
+        ASSERT_EQ(0, cam.calculate_rect_distance(&r));
         EXPECT_FLOAT_EQ(1.0f, r.valid_ratio);
         EXPECT_EQ(64, r.mean_disparity);
     }
@@ -175,7 +170,7 @@ TEST(RectDistance, RectanglesAtAndPastTheImageEdgeReadOnlyTheImage) {
     std::vector<uint16_t> zeros(13 * 7, 0);
     for (auto r : {rect(60000, 3, 10, 1, map), rect(0, 65530, 2, 10, map),
                    rect(65535, 0, 65535, 65535, map), rect(2, 2, 5, 4, zeros)}) {
-        ASSERT_EQ(0, cam->calculate_rect_distance(&r));
+        ASSERT_EQ(0, cam.calculate_rect_distance(&r));
         expect_empty(r);
     }
 }

@@ -1,5 +1,5 @@
-// The processing state of a camera: stereo geometry, reciprocal tables,
-// and the disparity parameter file.
+// The processing state of a camera: stereo geometry and resolution, what
+// every operation reports without them, and the disparity parameter file.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -8,56 +8,47 @@
 #include <sstream>
 #include <string>
 
+#include "disparity_maps.h"
 #include "processing_camera.h"
 
 namespace {
 
 class DisparityParamFile : public ::testing::Test {
   protected:
-    void TearDown() override { std::remove(path_.c_str()); }
-    std::string read() {
-        std::stringstream s;
-        s << std::ifstream(path_).rdbuf();
-        return s.str();
-    }
+    void TearDown() override { std::remove(path); }
     int load(KSCamera& cam, const std::string& text) {
-        std::ofstream(path_) << text;
-        return cam.set_disparity_param(path_.c_str());
+        std::ofstream(path) << text;
+        return cam.set_disparity_param(path);
     }
 
-    const std::string path_ =
+    const std::string file_ =
         ::testing::TempDir() + "ks_processing_" + std::to_string(getpid()) + "_offsets.txt";
-    const char* path = path_.c_str();
+    const char* path = file_.c_str();
 };
 
 }  // namespace
 
-TEST(RuntimeEnvironment, TablesAndFocalComeFromTheStereoConstants) {
-    ProcessingCamera camera;  // bxf 30000, baseline 60
-    ASSERT_EQ(0, camera.initialize_runtime_environment());
-    EXPECT_FLOAT_EQ(500.0f, camera.focal_field());
-    const float* depth = camera.depth_table();
-    const float* lateral = camera.lateral_table();
-    ASSERT_TRUE(depth != nullptr && lateral != nullptr);
-    EXPECT_FLOAT_EQ(30000.0f, depth[32]);  // one pixel of disparity
-    EXPECT_FLOAT_EQ(60.0f, lateral[32]);
-    EXPECT_FLOAT_EQ(4294967296.0f, depth[0]);  // no disparity: infinitely far
-    EXPECT_FLOAT_EQ(4294967296.0f, lateral[0]);
-    EXPECT_FLOAT_EQ(30000.0f * 32.0f / 4095.0f, depth[4095]);
-    EXPECT_FLOAT_EQ(60.0f * 32.0f / 7.0f, lateral[7]);
-
-    // Known geometry is not fetched again; the tables are rebuilt from it.
-    const int calls = camera.bxf_calls;
-    camera.bxf = 1.0f;
-    ASSERT_EQ(0, camera.initialize_runtime_environment());
-    EXPECT_EQ(calls, camera.bxf_calls);
-    EXPECT_FLOAT_EQ(30000.0f, camera.depth_table()[32]);
-}
-
 TEST(RuntimeEnvironment, MissingGeometryOrResolutionIsReported) {
-    BaseOnlyCamera bare;  // getters left at the base's "not supported"
+    // Getters left at the base's "not supported": every operation fails.
+    BaseOnlyCamera bare;
     EXPECT_EQ(-1, bare.initialize_runtime_environment());
     EXPECT_EQ(nullptr, bare.depth_table());
+    DisparityMaps m(640, 480);
+    EXPECT_EQ(-1, m.filter(bare));
+    EXPECT_EQ(-1, m.dense(bare));
+    uint32_t count = 5;
+    float *x = reinterpret_cast<float*>(&count), *y = nullptr, *z = nullptr;
+    EXPECT_EQ(-2, bare.convert_disparity_to_point_cloud(m.input.data(), &count, &x, &y, &z));
+    EXPECT_EQ(0u, count);
+    EXPECT_EQ(nullptr, x);
+    _ks_rect_distance_info_s info{};
+    info.width = info.height = 2, info.disparity = m.input.data();
+    EXPECT_EQ(-2, bare.calculate_rect_distance(&info));
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(-1, bare.set_disparity_filter_max_and_min_distance(3000.0f, 1000.0f));
+    EXPECT_EQ("Get bxf and baseline failed\n", ::testing::internal::GetCapturedStdout());
+    EXPECT_EQ(16383, bare.max_limit());
+
     // A failing getter, or the zero constants of a camera without a frame yet.
     ProcessingCamera failing, no_bxf, no_base;
     failing.bxf_result = -2, no_bxf.bxf = 0.0f, no_base.base = 0.0f;
@@ -71,13 +62,19 @@ TEST(RuntimeEnvironment, MissingGeometryOrResolutionIsReported) {
     EXPECT_EQ(-2, no_size.initialize_runtime_environment());
     no_size.width = 640;
     EXPECT_EQ(0, no_size.initialize_runtime_environment());
+    // The geometry was fetched once, by the first call, and is not asked for again.
+    no_size.bxf_result = -2;
+    EXPECT_EQ(0, no_size.initialize_runtime_environment());
+    EXPECT_EQ(1, no_size.bxf_calls);
 }
 
 TEST_F(DisparityParamFile, RoundTripThroughTheTextFormat) {
     ProcessingCamera source, target;
     source.line_offset = -1.5f, source.disp_offset = 12.25f;
     ASSERT_EQ(0, source.save_disparity_param(path));
-    EXPECT_EQ("-1.500000\n12.250000\n", read());
+    std::stringstream saved;
+    saved << std::ifstream(path).rdbuf();
+    EXPECT_EQ("-1.500000\n12.250000\n", saved.str());
     ASSERT_EQ(0, target.set_disparity_param(path));
     EXPECT_EQ(std::vector<float>{-1.5f}, target.line_set_calls);
     EXPECT_EQ(std::vector<float>{12.25f}, target.disp_set_calls);
@@ -87,8 +84,7 @@ TEST_F(DisparityParamFile, RoundTripThroughTheTextFormat) {
     EXPECT_FLOAT_EQ(3.5f, target.line_offset);
     EXPECT_FLOAT_EQ(0.0f, target.disp_offset);
 }
-
-TEST_F(DisparityParamFile, SaveReportsEachFailureAndWritesNothing) {
+TEST_F(DisparityParamFile, SaveAndLoadReportEachFailure) {
     ProcessingCamera camera;
     BaseOnlyCamera bare;  // no line offset to save
     EXPECT_EQ(-1, camera.save_disparity_param(nullptr));
@@ -103,10 +99,8 @@ TEST_F(DisparityParamFile, SaveReportsEachFailureAndWritesNothing) {
     camera.disp_get_result = 0;
     const std::string no_dir = ::testing::TempDir() + "ks_no_such_dir/offsets.txt";
     EXPECT_EQ(-4, camera.save_disparity_param(no_dir.c_str()));
-}
 
-TEST_F(DisparityParamFile, LoadReportsEachFailureAndAppliesNothingBeforeIt) {
-    ProcessingCamera camera;
+    // Loading applies nothing before the first failure.
     EXPECT_EQ(-1, camera.set_disparity_param(nullptr));
     EXPECT_EQ(-1, camera.set_disparity_param(""));
     EXPECT_EQ(-2, camera.set_disparity_param(path));  // no such file
@@ -130,6 +124,5 @@ TEST_F(DisparityParamFile, LoadReportsEachFailureAndAppliesNothingBeforeIt) {
     EXPECT_FLOAT_EQ(2.0f, camera.line_offset);
     EXPECT_FLOAT_EQ(0.0f, camera.disp_offset);
     // Without setters on the camera the first one fails.
-    BaseOnlyCamera bare;
     EXPECT_EQ(-5, bare.set_disparity_param(path));
 }

@@ -7,23 +7,14 @@
 #include "processing_camera.h"
 #include "scene_frame.h"
 
-namespace {
-
-std::unique_ptr<ProcessingCamera> camera_for(const SceneFrame& f) {
-    std::unique_ptr<ProcessingCamera> cam(new ProcessingCamera);
-    cam->bxf = f.bxf, cam->base = f.baseline, cam->width = f.width, cam->height = f.height;
-    return cam;
-}
-
-}  // namespace
-
 TEST(PointCloud, FlatWallMatchesTheSceneGroundTruth) {
     SceneFrame f;  // processed disparity of a wall 1.5 m away
     ASSERT_TRUE(f.render(KSSIM_SCENE_WALL, 1500.0, 640, 480, KSSIM_CHANNEL_RGBD));
-    auto cam = camera_for(f);
+    ProcessingCamera cam;
+    cam.bxf = f.bxf, cam.base = f.baseline, cam.width = f.width, cam.height = f.height;
     uint32_t count = 0;
     float *x = nullptr, *y = nullptr, *z = nullptr;
-    ASSERT_EQ(0, cam->convert_disparity_to_point_cloud(f.disparity.data(), &count, &x, &y, &z));
+    ASSERT_EQ(0, cam.convert_disparity_to_point_cloud(f.disparity.data(), &count, &x, &y, &z));
     ASSERT_GT(count, 640u * 400u);
 
     const double focal = static_cast<double>(f.bxf) / f.baseline;
@@ -52,11 +43,12 @@ TEST(PointCloud, FlatWallMatchesTheSceneGroundTruth) {
 TEST(RoomScene, SpeckleRemovalBringsTheRawDisparityCloserToTheTruth) {
     SceneFrame f;
     ASSERT_TRUE(f.render(KSSIM_SCENE_ROOM, 0.0, 1280, 720, KSSIM_CHANNEL_ORIGIN_DISPARITY));
-    auto cam = camera_for(f);
+    ProcessingCamera cam;
+    cam.bxf = f.bxf, cam.base = f.baseline, cam.width = f.width, cam.height = f.height;
     std::vector<uint16_t> densified = f.disparity, filtered = f.disparity;
-    ASSERT_EQ(0, cam->dense_disparity(f.width, f.height, densified.data(), f.grey.data()));
-    EXPECT_EQ(1, cam->dense_valid());
-    ASSERT_EQ(0, cam->filter_disparity(f.width, f.height, filtered.data(), f.grey.data()));
+    ASSERT_EQ(0, cam.dense_disparity(f.width, f.height, densified.data(), f.grey.data()));
+    EXPECT_EQ(1, cam.dense_valid());
+    ASSERT_EQ(0, cam.filter_disparity(f.width, f.height, filtered.data(), f.grey.data()));
 
     // Over the area both operations process (their border is always
     // cleared); their outputs carry the disparity of the pixel 3 rows down
