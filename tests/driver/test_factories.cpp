@@ -40,42 +40,28 @@ class RecordingUVCFactory : public KSUVCCameraFactory {
     int destroyed = 0;
 };
 
-// Installs a test factory as the UVC factory for one test, then puts the
-// library's own back.
-class UVCFactoryOverride {
-  public:
-    explicit UVCFactoryOverride(KSCameraFactory* f) : saved_(g_pUVCCameraFactory) {
-        g_pUVCCameraFactory = f;
-    }
-    ~UVCFactoryOverride() { g_pUVCCameraFactory = saved_; }
-
-  private:
-    KSCameraFactory* saved_;
+// Tests may install a factory of their own as the UVC factory: the library's
+// own is put back after.
+class Factories : public ::testing::Test {
+  protected:
+    void TearDown() override { g_pUVCCameraFactory = library_factory_; }
+    KSCameraFactory* const library_factory_ = g_pUVCCameraFactory;
 };
 
 }  // namespace
 
-TEST(Factories, OneFactoryPerTransportIsRegisteredAtLoad) {
+TEST_F(Factories, OneFactoryPerTransportIsRegisteredAtLoad) {
     ASSERT_NE(nullptr, g_pUVCCameraFactory);
     ASSERT_NE(nullptr, g_pMIPICameraFactory);
     ASSERT_NE(nullptr, g_pEthernetCameraFactory);
     EXPECT_EQ(typeid(KSUVCCameraFactory), typeid(*g_pUVCCameraFactory));
     EXPECT_EQ(typeid(KSMIPICameraFactory), typeid(*g_pMIPICameraFactory));
     EXPECT_EQ(typeid(KSEthernetCameraFactory), typeid(*g_pEthernetCameraFactory));
-
-    // A factory registers itself for its lifetime and clears the pointer after.
-    KSCameraFactory* library_factory = g_pMIPICameraFactory;
-    {
-        KSMIPICameraFactory another;
-        EXPECT_EQ(&another, g_pMIPICameraFactory);
-    }
-    EXPECT_EQ(nullptr, g_pMIPICameraFactory);
-    g_pMIPICameraFactory = library_factory;
 }
 
 // Without a device session every open fails as for an absent camera, and the
 // caller's handle is cleared.
-TEST(Factories, OpensWithoutADeviceFailAndClearTheHandle) {
+TEST_F(Factories, OpensWithoutADeviceFailAndClearTheHandle) {
     const std::vector<std::pair<int, std::function<int(KSCameraAbstract**)>>> opens = {
         {-2, [](auto h) { return ksOpenMIPICameraByNumber(2, h); }},
         {-2, [](auto h) { return ksOpenMIPICameraByPath("/dev/video0", h); }},
@@ -102,9 +88,9 @@ TEST(Factories, OpensWithoutADeviceFailAndClearTheHandle) {
     EXPECT_EQ(-1, ksOpenUVCCameraByPath(nullptr, &handle));
 }
 
-TEST(Factories, OpenAndCloseGoThroughTheRegisteredFactory) {
+TEST_F(Factories, OpenAndCloseGoThroughTheRegisteredFactory) {
     RecordingUVCFactory factory;
-    UVCFactoryOverride use(&factory);
+    g_pUVCCameraFactory = &factory;
     KSCameraAbstract* handle = reinterpret_cast<KSCameraAbstract*>(0x1);
 
     // Every creation failure, a "success" without a camera included, is -2;
@@ -138,7 +124,7 @@ TEST(Factories, OpenAndCloseGoThroughTheRegisteredFactory) {
     EXPECT_EQ(-1, ksCloseCamera(nullptr));
 }
 
-TEST(Factories, HandlesAfterAFailedReleaseOrCreation) {
+TEST_F(Factories, HandlesAfterAFailedReleaseOrCreation) {
     // A camera of an unknown transport type reaches no factory.
     NiceMock<MockCamera> stray;
     ON_CALL(stray, get_camera_type()).WillByDefault(Return(7));
@@ -156,7 +142,7 @@ TEST(Factories, HandlesAfterAFailedReleaseOrCreation) {
     KSCameraAbstract* kept = &camera;
     EXPECT_EQ(-2, stubborn.close_camera(&kept));
     EXPECT_EQ(&camera, kept);
-    UVCFactoryOverride use(&stubborn);
+    g_pUVCCameraFactory = &stubborn;
     ON_CALL(camera, get_camera_type()).WillByDefault(Return(0));
     handle = &camera;
     EXPECT_EQ(0, ksCloseCamera(&handle));

@@ -136,31 +136,25 @@ std::vector<Call> all_camera_calls() {
 }
 #undef KS_CALL
 
-template <typename T>
-T device_fell_over() {
-    throw std::runtime_error("device fell over");
-}
-
 }  // namespace
 
-TEST(PublicApi, EveryCameraFunctionRefusesANullHandle) {
+TEST(PublicApi, NullHandlesAreRefusedAndNoExceptionLeavesAWrapper) {
     testing::internal::CaptureStdout();
     for (const Call& c : all_camera_calls()) EXPECT_EQ(-1, c.call(nullptr)) << c.name;
     std::string printed = testing::internal::GetCapturedStdout();
     // Only three functions announce the invalid handle.
     EXPECT_EQ("Invalid handle\nInvalid handle\n", printed);
-
     testing::internal::CaptureStdout();
     EXPECT_STREQ("", ksGetImplLevelVersion(nullptr));
     EXPECT_EQ("Invalid handle\n", testing::internal::GetCapturedStdout());
-}
 
-TEST(PublicApi, NoExceptionLeavesAWrapper) {
     // Every operation of the camera throws (a suspended camera, so that resume
     // reaches the camera too).
-    DefaultValue<int>::SetFactory(device_fell_over<int>);
-    DefaultValue<const char*>::SetFactory(device_fell_over<const char*>);
-    DefaultValue<unsigned short*>::SetFactory(device_fell_over<unsigned short*>);
+    DefaultValue<int>::SetFactory([]() -> int { throw std::runtime_error("fell over"); });
+    DefaultValue<const char*>::SetFactory(
+        []() -> const char* { throw std::runtime_error("fell over"); });
+    DefaultValue<unsigned short*>::SetFactory(
+        []() -> unsigned short* { throw std::runtime_error("fell over"); });
     {
         testing::NiceMock<MockCamera> camera;
         ON_CALL(camera, is_suspend()).WillByDefault(Return(true));
@@ -241,6 +235,28 @@ TEST(PublicApi, ResultsAreMappedOrPassedThrough) {
 
     EXPECT_CALL(camera, get_impl_level_version()).WillOnce(Return("1.7.6.303"));
     EXPECT_STREQ("1.7.6.303", ksGetImplLevelVersion(&camera));
+
+    // Resume only wakes a suspended camera.
+    EXPECT_CALL(camera, is_suspend()).WillOnce(Return(false));
+    EXPECT_EQ(0, ksResumeCamera(&camera));  // resume_camera is never called
+    EXPECT_CALL(camera, is_suspend()).WillRepeatedly(Return(true));
+    EXPECT_CALL(camera, resume_camera()).WillOnce(Return(0)).WillOnce(Return(-1));
+    EXPECT_EQ(0, ksResumeCamera(&camera));
+    EXPECT_EQ(-2, ksResumeCamera(&camera));
+
+    // The rectified camera's focal length comes from the stereo constants, once
+    // the optical centre is known.
+    float focal = -1.0f, cx = 0.0f, cy = 0.0f;
+    EXPECT_CALL(camera, get_rectify_optical_center(&cx, &cy)).WillOnce(Return(1));
+    EXPECT_EQ(-2, ksGetRectifyCamParam(&camera, &focal, &cx, &cy));
+    EXPECT_CALL(camera, get_rectify_optical_center(&cx, &cy)).WillRepeatedly(Return(0));
+    EXPECT_CALL(camera, get_bxf_and_base(_, _)).WillOnce(Return(-1));
+    EXPECT_EQ(-3, ksGetRectifyCamParam(&camera, &focal, &cx, &cy));
+    EXPECT_EQ(-1.0f, focal);
+    EXPECT_CALL(camera, get_bxf_and_base(_, _))
+        .WillOnce(DoAll(SetArgPointee<0>(50000.0f), SetArgPointee<1>(60.0f), Return(0)));
+    EXPECT_EQ(0, ksGetRectifyCamParam(&camera, &focal, &cx, &cy));
+    EXPECT_FLOAT_EQ(50000.0f / 60.0f, focal);
 }
 
 TEST(PublicApi, OutputsAreClearedBeforeTheCameraIsAsked) {
@@ -279,38 +295,4 @@ TEST(PublicApi, OutputsAreClearedBeforeTheCameraIsAsked) {
     EXPECT_CALL(camera, get_mata_data_pointer()).WillOnce(Return(line));
     EXPECT_EQ(0, ksGetLastestMetaDataPointer(&camera, &meta));
     EXPECT_EQ(line, meta);
-}
-
-TEST(PublicApi, ResumeOnlyWakesASuspendedCamera) {
-    StrictMock<MockCamera> camera;
-    EXPECT_CALL(camera, is_suspend()).WillOnce(Return(false));
-    EXPECT_EQ(0, ksResumeCamera(&camera));  // resume_camera is never called
-
-    EXPECT_CALL(camera, is_suspend()).WillRepeatedly(Return(true));
-    EXPECT_CALL(camera, resume_camera()).WillOnce(Return(0)).WillOnce(Return(-1));
-    EXPECT_EQ(0, ksResumeCamera(&camera));
-    EXPECT_EQ(-2, ksResumeCamera(&camera));
-
-    EXPECT_CALL(camera, suspend_camera()).WillOnce(Return(4));
-    EXPECT_EQ(-2, ksSuspendCamera(&camera));
-}
-
-TEST(PublicApi, RectifyCameraParametersComeFromTheCentreAndTheStereoConstants) {
-    StrictMock<MockCamera> camera;
-    float focal = -1.0f;
-    float cx = 0.0f;
-    float cy = 0.0f;
-
-    EXPECT_CALL(camera, get_rectify_optical_center(&cx, &cy)).WillOnce(Return(1));
-    EXPECT_EQ(-2, ksGetRectifyCamParam(&camera, &focal, &cx, &cy));
-
-    EXPECT_CALL(camera, get_rectify_optical_center(&cx, &cy)).WillRepeatedly(Return(0));
-    EXPECT_CALL(camera, get_bxf_and_base(_, _)).WillOnce(Return(-1));
-    EXPECT_EQ(-3, ksGetRectifyCamParam(&camera, &focal, &cx, &cy));
-    EXPECT_EQ(-1.0f, focal);
-
-    EXPECT_CALL(camera, get_bxf_and_base(_, _))
-        .WillOnce(DoAll(SetArgPointee<0>(50000.0f), SetArgPointee<1>(60.0f), Return(0)));
-    EXPECT_EQ(0, ksGetRectifyCamParam(&camera, &focal, &cx, &cy));
-    EXPECT_FLOAT_EQ(50000.0f / 60.0f, focal);
 }
