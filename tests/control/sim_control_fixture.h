@@ -34,10 +34,6 @@ class Locked {
     Locked& operator=(const Locked&) = delete;
 };
 
-inline std::vector<uint8_t> data_of(const kssim_message& m) {
-    return std::vector<uint8_t>(m.data, m.data + m.data_length);
-}
-
 inline std::vector<kssim_message> traffic_of(kssim_camera* camera) {
     std::vector<kssim_message> out(kssim_camera_traffic_count(camera));
     for (size_t i = 0; i < out.size(); ++i) kssim_camera_traffic_get(camera, i, &out[i]);

@@ -1,11 +1,13 @@
 // The control layer end to end against the virtual camera (which refuses
 // any malformed request): every command round-trips, flash transfers erase
 // and program in order, the verified EEPROM write retries as designed, ASIC
-// accesses are paced, and every kind of misbehaving controller ends the
-// exchange cleanly.
+// accesses are paced, the transport and the protocol refuse replies and
+// requests of the wrong size, and every kind of misbehaving controller ends
+// the exchange cleanly.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -195,7 +197,8 @@ TEST_F(ControlSim, VerifiedEepromWriteRetriesUntilTheReadBackMatches) {
         EXPECT_EQ(k.writes, requests_to(0xA1).size());
         for (const auto& w : writes) {
             EXPECT_EQ(0x00A00000u | k.addr, w.parameter);
-            EXPECT_EQ(std::vector<uint8_t>({value}), simctl::data_of(w));
+            EXPECT_EQ(1u, w.data_length);
+            EXPECT_EQ(value, w.data[0]);
         }
     }
 
@@ -227,6 +230,145 @@ TEST_F(ControlSim, AsicAccessesAreMaskedAndPacedOneMillisecondApart) {
     ASSERT_EQ(10u, reqs.size());
     for (size_t i = 1; i < reqs.size(); ++i)
         EXPECT_GE(reqs[i].time_us - reqs[i - 1].time_us, 1000u) << "request " << i;
+}
+
+// ---- the transport and the protocol's own checks ---------------------------------
+
+TEST_F(ControlSim, ExtensionUnitTransport) {
+    Locked lock(ctrl_);
+    EXPECT_EQ(320, uvc_get_extension_data_len(ctrl_.fd));  // little-endian, as UVC has it
+    EXPECT_EQ(-1, uvc_get_extension_data_len(-1));
+    // A send sets the new-request flag in the last byte: only then does the
+    // controller take the block as a request.
+    unsigned char data[1] = {}, block[320] = {};
+    _struct_protocol_message m = {0x01020304, 5, 0, 0, 11, 0, 0, 0, data};
+    ASSERT_EQ(32, protocol_deal_message_description(&m, block));
+    EXPECT_EQ(320, uvc_protocol_master_send_data(block));
+    EXPECT_EQ(1, block[319]);
+    ASSERT_EQ(1u, requests().size());
+    ASSERT_EQ(0, uvc_protocol_master_receive_data(block));
+    EXPECT_EQ(33, protocol_deal_data_stream(&m, block));
+    EXPECT_EQ(0x8000000Bu, m.command);
+
+    ASSERT_EQ(0, fault(KSSIM_FAULT_XU_FAIL, 2));
+    EXPECT_EQ(-1, uvc_protocol_master_send_data(block));
+    EXPECT_EQ(-1, uvc_protocol_master_receive_data(block));
+    EXPECT_EQ(320, uvc_set_extension_data(ctrl_.fd, block, 320));
+    EXPECT_EQ(-1, uvc_set_extension_data(ctrl_.fd, block, 64));  // the control is 320 bytes
+    EXPECT_EQ(-1, uvc_get_extension_data(ctrl_.fd, nullptr, 320));
+}
+
+TEST_F(ControlSim, TheTransportIsRegisteredOnceAndCanBeReplaced) {
+    static const _struct_protocol_functions uvc = {uvc_protocol_master_send_data,
+                                                   uvc_protocol_master_receive_data,
+                                                   uvc_protocol_get_current_timestamp};
+    struct Restore {
+        ~Restore() { protocol_master_init(&uvc); }
+    } restore;
+    Locked lock(ctrl_);
+    static int sends = 0;
+    sends = 0;
+    const _struct_protocol_functions custom = {[](unsigned char*) { return ++sends, 0; },
+                                               [](unsigned char*) { return -1; }, nullptr};
+    protocol_master_init(&custom);
+    EXPECT_EQ(0, uvc_protocol_master_init());  // must not register the transport again
+    unsigned char status = 0;
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    EXPECT_EQ(1, sends);
+
+    // Null entries fall back to functions that do nothing: with nothing
+    // registered the request is never answered and the exchange gives up.
+    protocol_master_init(nullptr);
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    // With no descriptor selected the exchange fails at the first receive.
+    protocol_master_init(&uvc);
+    set_cur_uvc_fd(-1);
+    EXPECT_EQ(-1, get_cur_uvc_fd());
+    EXPECT_EQ(-1, protocol_get_status(&status));
+    EXPECT_TRUE(requests().empty());
+    set_cur_uvc_fd(ctrl_.fd);
+    EXPECT_EQ(0, protocol_get_status(&status));
+}
+
+// Replies of another length leave the caller's buffer alone; requests that
+// do not fit a block are refused before anything is sent.
+TEST_F(ControlSim, RepliesOfTheWrongSizeAndOversizeRequestsAreRefused) {
+    Locked lock(ctrl_);
+    ASSERT_EQ(0, protocol_set_asic(0));
+    ASSERT_EQ(0, protocol_set_asic(1));  // the one reset, counted in a big-endian word
+    unsigned char buf[256] = {};
+    unsigned int count = 0;
+    const unsigned char pins[3] = {17, 4, 5};
+    const struct {
+        int32_t bad;  // the reply's length
+        std::function<int()> call;
+    } cases[] = {
+        {31, [&] { return protocol_get_slaver_version(buf); }},
+        {255, [&] { return protocol_flash_read_page(0x65000, buf); }},
+        {2, [&] { return protocol_get_status(buf); }},
+        {2, [&] { return protocol_get_gpio(17, buf); }},
+        {2, [&] { return protocol_get_reset_count(&count); }},
+        {1, [&] { return protocol_iic_read(0xA1, 0x3C00, buf, 2); }},
+        {3, [&] { return protocol_iic_read(0xA1, 0x3C00, buf, 2); }},
+        {2, [&] { return protocol_get_gpios(pins, buf, 3); }},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(0, c.call()) << c.bad;
+        ASSERT_EQ(0, fault(KSSIM_FAULT_REPLY_WRONG_LENGTH, 1, 0, c.bad));
+        std::memset(buf, 0, sizeof buf);
+        EXPECT_EQ(-1, c.call()) << c.bad;
+        EXPECT_EQ(0, buf[0]);
+    }
+    EXPECT_EQ(1u, count);
+    EXPECT_EQ(-1, protocol_iic_read(0xA1, 0x3C00, nullptr, 2));
+
+    // At most 256 data bytes, 127 GPIO pairs.
+    kssim_camera_traffic_clear(camera_);
+    const std::vector<unsigned char> ones(257, 1), fours(128, 4);
+    EXPECT_EQ(-1, protocol_iic_write(0xA0, 0x3000, ones.data(), 257));
+    EXPECT_EQ(-1, protocol_iic_write(0xA0, 0x3000, nullptr, 1));
+    EXPECT_EQ(-1, protocol_set_gpios(fours.data(), ones.data(), 128));
+    EXPECT_TRUE(requests().empty());
+    ASSERT_EQ(0, protocol_iic_write(0xA0, 0x3000, ones.data(), 256));
+    EXPECT_EQ(256u, requests().back().length);  // a 288-byte message
+    EXPECT_EQ(0, protocol_set_gpios(fours.data(), ones.data(), 127));
+    EXPECT_EQ(255u, requests().back().length);
+
+    // The IMU reply holds whole 16-byte records only.
+    const std::pair<int32_t, int> imu[] = {{40, 2}, {256, 16}, {15, 0}};
+    for (const auto& k : imu) {
+        ASSERT_EQ(0, fault(KSSIM_FAULT_REPLY_WRONG_LENGTH, 1, 0, k.first));
+        std::memset(buf, 0xEE, sizeof buf);
+        EXPECT_EQ(k.second, protocol_get_IMU(buf)) << k.first;
+        if (k.second < 16) {
+            EXPECT_EQ(0xEE, buf[16 * k.second]) << k.first;
+        }
+    }
+    ASSERT_EQ(0, fault(KSSIM_FAULT_XU_FAIL, 2));
+    EXPECT_EQ(-1, protocol_get_IMU(buf));
+}
+
+TEST_F(ControlSim, NakedMessages) {
+    Locked lock(ctrl_);
+    EXPECT_EQ(320, send_naked_message(1, 1));
+    EXPECT_EQ(320, send_naked_message(0, 1));
+    EXPECT_EQ(320, send_naked_message(1, 0));  // the record as it stands
+    const auto reqs = requests();
+    ASSERT_EQ(3u, reqs.size());
+    EXPECT_EQ(1u, reqs[0].command);
+    EXPECT_EQ(32u, reqs[0].length);
+    EXPECT_EQ(std::string(17, 'x'), std::string(reqs[0].data, reqs[0].data + 17));
+    EXPECT_NE('x', reqs[0].data[17]);
+    EXPECT_EQ(0u, reqs[1].length);
+    EXPECT_EQ(reqs[0].id + 1, reqs[1].id);
+    EXPECT_EQ(reqs[1].id, reqs[2].id);
+
+    unsigned char* out = reinterpret_cast<unsigned char*>(1);
+    EXPECT_EQ(0, receive_naked_message(&out));
+    EXPECT_EQ(nullptr, out);
+    ASSERT_EQ(0, fault(KSSIM_FAULT_XU_FAIL, 1));
+    EXPECT_EQ(-1, receive_naked_message(&out));
+    EXPECT_EQ(protocol_stream_buffer(), out);
 }
 
 // ---- a misbehaving controller --------------------------------------------------
@@ -311,7 +453,7 @@ TEST_F(ControlSim, HostileControllerNeverBreaksTheHost) {
     std::vector<unsigned char> page(4096, 0x42);
     for (int round = 0; round < 150; ++round) {
         uint16_t v = 0;
-        char version[32];
+        char version[32] = {};  // left as it is by a refused reply
         uint32_t count = 0;
         const unsigned r1 = ks_iic_read(&ctrl_, round & 0xFF, &v);
         EXPECT_TRUE(r1 == 0 || r1 == kFail);
@@ -323,13 +465,11 @@ TEST_F(ControlSim, HostileControllerNeverBreaksTheHost) {
         ks_get_usb_nuvex_reset_cnt(&ctrl_, &count);
         ks_receive_asic_epr(&ctrl_, 1, page.data(), 4096);
         Locked lock(ctrl_);
-        unsigned char records[256];
+        unsigned char records[256], got[4], status;
         const int n = protocol_get_IMU(records);
         EXPECT_TRUE(n >= -1 && n <= 16) << n;
-        unsigned char got[4];
         const unsigned char pins[4] = {1, 2, 3, 4};
         protocol_get_gpios(pins, got, 4);
-        unsigned char status;
         protocol_get_status(&status);
     }
     EXPECT_EQ(0, kssim_camera_set_hostile(camera_, 0, 0));
