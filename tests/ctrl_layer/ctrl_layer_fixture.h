@@ -26,6 +26,9 @@ namespace ctrltest {
 using Bytes = std::vector<uint8_t>;
 using Writes = std::vector<std::pair<uint32_t, uint8_t>>;
 
+// I2C device addresses: the ASIC (written, read) and the FPGA.
+constexpr uint32_t kAsic = 0xCC, kAsicRead = 0xCD, kFpga = 0xC0;
+
 // Standard output captured until text() is called.
 struct StdoutCapture : ks_test::FdCapture {
     StdoutCapture() : FdCapture(1) {}
@@ -116,10 +119,26 @@ class CtrlLayer : public simtest::SimTest {
                 out.emplace_back(m.parameter & 0xFFFF, m.data[0]);
         return out;
     }
+    // Registers read from one device address, in order.
+    std::vector<uint32_t> reads_of(uint32_t dev) {
+        std::vector<uint32_t> out;
+        for (const kssim_message& m : requests())
+            if (m.command == 6 && (m.parameter >> 16) == dev) out.push_back(m.parameter & 0xFFFF);
+        return out;
+    }
     void clear_traffic() { kssim_camera_traffic_clear(camera_); }
 
     kssim_camera* camera_ = nullptr;
     _struct_ks_ctrl_device ctrl_ = {-1, 0, 0, 0.0f, 0.0f, 0};
+};
+
+// The same with the default camera opened.
+class OpenCamera : public CtrlLayer {
+  protected:
+    void SetUp() override {
+        CtrlLayer::SetUp();
+        open_camera();
+    }
 };
 
 }  // namespace ctrltest

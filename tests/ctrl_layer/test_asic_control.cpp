@@ -13,33 +13,8 @@
 #include "ctrl_layer_fixture.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_asic_control.h"
 
-using ctrltest::Bytes;
-using ctrltest::CtrlLayer;
-using ctrltest::StdoutCapture;
-using ctrltest::Writes;
-
-namespace {
-
-constexpr uint32_t kAsic = 0xCC;
-constexpr uint32_t kAsicRead = 0xCD;
-constexpr uint32_t kFpga = 0xC0;
-
-class AsicControl : public CtrlLayer {
-  protected:
-    void SetUp() override {
-        CtrlLayer::SetUp();
-        open_camera();
-    }
-    // Registers read from one device address, in order.
-    std::vector<uint32_t> reads_of(uint32_t dev) {
-        std::vector<uint32_t> out;
-        for (const kssim_message& m : requests())
-            if (m.command == 6 && (m.parameter >> 16) == dev) out.push_back(m.parameter & 0xFFFF);
-        return out;
-    }
-};
-
-}  // namespace
+using namespace ctrltest;
+using AsicControl = OpenCamera;
 
 TEST_F(AsicControl, TrimsAreWrittenEvenWithSignAndDifference) {
     uint16_t left = 3, right = 7;
@@ -290,7 +265,7 @@ TEST_F(AsicControl, HealthChecks) {
     EXPECT_EQ(-1, ks_load_epr_init_status(&ctrl_, &status));
 }
 
-TEST_F(CtrlLayer, PowerCycleUsesTheResetStateOrOnThe1022FirmwareGpio17) {
+TEST_F(CtrlLayer, PowerCycleUsesTheResetStateOrOnThe1022FirmwareGpio17AndFailsWithItsStep) {
     using Requests = std::vector<std::vector<uint8_t>>;
     const struct {
         const char* firmware;  // only the first four characters count
@@ -333,11 +308,9 @@ TEST_F(CtrlLayer, PowerCycleUsesTheResetStateOrOnThe1022FirmwareGpio17) {
         EXPECT_EQ(0, ks_device_init_status_check(&ctrl_));
         release_iic_ctrl(&ctrl_);
     }
-}
 
-TEST_F(CtrlLayer, BringUpStepFailuresCarryTheirCodes) {
-    open_camera();
     // The ASIC-state command fails at the transport: the first step's code.
+    open_camera();
     fault(KSSIM_FAULT_XU_FAIL);
     {
         StdoutCapture out;

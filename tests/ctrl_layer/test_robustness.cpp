@@ -13,15 +13,13 @@
 #include "ctrl_layer_fixture.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_application_layer.h"
 
-using ctrltest::Bytes;
-using ctrltest::CtrlLayer;
-using ctrltest::StdoutCapture;
+using namespace ctrltest;
 
 namespace {
 
 using testing::AnyOf;
 
-class Robustness : public CtrlLayer {
+class Robustness : public OpenCamera {
   protected:
     // Every getter, enumeration and dump of the EEPROM store once; results
     // checked against the codes each may give.
@@ -78,7 +76,6 @@ class Robustness : public CtrlLayer {
 }  // namespace
 
 TEST_F(Robustness, ArbitraryEepromBytesDecodeWithinBounds) {
-    open_camera();
     std::mt19937 rng(12345);
     for (int round = 0; round < 12; ++round) {
         Bytes area(0xB8);
@@ -102,7 +99,6 @@ TEST_F(Robustness, ArbitraryEepromBytesDecodeWithinBounds) {
 }
 
 TEST_F(Robustness, AHostileControllerNeverHangsOrCorruptsTheHost) {
-    open_camera();
     ASSERT_EQ(0, kssim_camera_set_hostile(camera_, 1, 77));
     testing::internal::CaptureStderr();
     read_whole_store();
@@ -164,7 +160,6 @@ TEST_F(Robustness, AHostileControllerNeverHangsOrCorruptsTheHost) {
 }
 
 TEST_F(Robustness, NullArgumentsAreRefused) {
-    open_camera();
     EXPECT_EQ(-1, ks_get_eeprom_disparity_offset(&ctrl_, nullptr));
     EXPECT_EQ(-1, ks_get_camera_sn(&ctrl_, nullptr));
     EXPECT_EQ(-1, ks_save_camera_sn(&ctrl_, nullptr, 3));
