@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "sim/kssim.h"
+#include "tests/sim/frame_decoder.h"
 
 // The grey plane and the disparity plane (row y from source line y + 3,
 // row 0 and the last three rows empty), with the depth along the optical
@@ -44,11 +45,14 @@ struct SceneFrame {
         grey.assign(pixels, 0);
         disparity.assign(pixels, 0);
         truth_mm.assign(pixels, 0.0);
-        for (size_t i = 0; ok && i < pixels; ++i) {
-            grey[i] = src[3 * i + 2];
-            if (i >= 4u * w)
-                disparity[i - 3u * w] = uint16_t(((src[3 * i + 1] & 0x0F) << 8) | src[3 * i]);
-            kssim_camera_true_distance(cam, uint32_t(i % w), uint32_t(i / w), &truth_mm[i]);
+        const frame_test::Frame frame(src.data(), w, h);
+        for (int y = 0; ok && y < h; ++y) {
+            for (int x = 0; x < w; ++x) {
+                const size_t i = size_t(y) * w + x;
+                grey[i] = frame.at(x, y).y;
+                if (y >= 1 && y < frame.disparity_rows()) disparity[i] = frame.disparity(x, y);
+                kssim_camera_true_distance(cam, uint32_t(x), uint32_t(y), &truth_mm[i]);
+            }
         }
         if (world) kssim_world_destroy(world);
         return ok;
