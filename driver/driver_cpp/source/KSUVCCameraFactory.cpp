@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "driver/driver_cpp/source/KSUVCCamera.h"
+
 KSUVCCameraFactory::KSUVCCameraFactory() {
     g_pUVCCameraFactory = this;
 }
@@ -17,18 +19,39 @@ int KSUVCCameraFactory::create_camera_by_number(unsigned char number, KSCameraAb
     return 0;
 }
 
-// The camera session that these bring-ups run is not part of the library
-// yet: every UVC open fails as it would for an absent device.
+namespace {
+
+// Creates a camera and runs one of its opens; a camera whose open failed is
+// destroyed before the error is returned, so nothing half-built escapes.
+template <typename Open>
+int create_and_open(KSCameraAbstract** out, Open&& open) {
+    if (out == nullptr) return -1;
+    *out = nullptr;
+    KSUVCCamera* camera = new KSUVCCamera();
+    if (open(camera) != 0) {
+        delete camera;
+        return -2;
+    }
+    *out = camera;
+    return 0;
+}
+
+}  // namespace
+
+int KSUVCCameraFactory::create_camera_by_path(const char* path, KSCameraAbstract** out) {
+    return create_and_open(out, [&](KSUVCCamera* camera) { return camera->open_camera(path); });
+}
+
 int KSUVCCameraFactory::create_camera_by_path_initCamCtrl(const char* path,
                                                           KSCameraAbstract** out) {
-    if (out != nullptr) *out = nullptr;
-    return -2;
+    return create_and_open(
+        out, [&](KSUVCCamera* camera) { return camera->open_camera_initCamCtrl(path); });
 }
 
 int KSUVCCameraFactory::create_camera_by_path_initCamSimple(const char* path,
                                                             KSCameraAbstract** out) {
-    if (out != nullptr) *out = nullptr;
-    return -2;
+    return create_and_open(
+        out, [&](KSUVCCamera* camera) { return camera->open_camera_initCamSimple(path); });
 }
 
 int ks_open_uvc_camera_by_sn(_ks_camera_list* list, const char* sn, KSCameraAbstract** out) {

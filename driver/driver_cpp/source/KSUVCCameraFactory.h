@@ -9,6 +9,7 @@ class KSUVCCameraFactory : public KSCameraFactory {
     KSUVCCameraFactory();
     ~KSUVCCameraFactory() override;
 
+    int create_camera_by_path(const char* path, KSCameraAbstract** out) override;
     int create_camera_by_number(unsigned char number, KSCameraAbstract** out) override;
     // Control-only and simple bring-up variants of create_camera_by_path.
     virtual int create_camera_by_path_initCamCtrl(const char* path, KSCameraAbstract** out);
