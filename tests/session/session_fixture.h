@@ -46,6 +46,7 @@ class SessionTest : public ::testing::Test {
         kssim_world_destroy(world_);
     }
     virtual double warp() const { return 8.0; }
+    void set_warp(double warp) { ASSERT_EQ(0, kssim_world_set_warp(world_, warp)); }
 
     kssim_camera* add_camera(void (*tweak)(kssim_camera_config&) = nullptr) {
         kssim_camera_config cfg;
