@@ -10,6 +10,21 @@
  * library and stay valid until the next call of the same kind or until the
  * camera is closed; the caller never frees them, except the camera list
  * (ksReleaseCameraList).
+ *
+ * Threads: every operation on one camera holds that camera's own lock for its
+ * whole duration, so one camera may be called from several threads (settings
+ * from one, frames from another); the calls then run one after the other. A
+ * frame wait blocks the camera's other calls until it returns. Calls on two
+ * different cameras never wait on each other. Closing a camera while another
+ * thread still calls it is the application's error.
+ *
+ * Opening: ksOpenUVCCameraByPath and ksOpenUVCCameraByNumber bring the camera
+ * up completely (controller check, stored settings, stream, IMU receiver) and
+ * return it streaming. A camera that does not answer its controller checks
+ * still opens (warnings on standard output) so that it can be repaired; only a
+ * missing video device or a stream that cannot start fail the open (-2). A
+ * newly opened camera counts as suspended for ksResumeCamera, which then runs
+ * a full power cycle; ksSuspendCamera powers the pipeline down.
  */
 #ifndef KS_STEREO_CAMERA_DRIVER_H
 #define KS_STEREO_CAMERA_DRIVER_H
