@@ -357,6 +357,13 @@ int releaseV4l2Stream(KsY4L2Cam* cam) {
         return 0;
     }
     int status = cam->nStatus;
+    // A capture thread in the middle of a reopen writes its own states
+    // (closed, opened, streaming): stop it before acting on the state, or its
+    // descriptor would be closed under it.
+    if (status != KS_STREAM_STREAMING && cam->capture_thread_running) {
+        ks_v4l2::join_capture_thread(cam);
+        status = cam->nStatus;
+    }
     switch (status) {
         case KS_STREAM_LOST:
             ks_v4l2::join_capture_thread(cam);
