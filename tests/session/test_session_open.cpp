@@ -90,9 +90,7 @@ TEST_F(SessionTest, ControlOnlyAndSimpleOpens) {
     kssim_camera_traffic_clear(camera);
     {
         v4l2test::LogCapture log(LOG_ERROR);
-        const int64_t start = virtual_now_us();
         ASSERT_EQ(0, ksOpenUVCCameraByPathCallInitKestCameraSimple(node(camera), &handle_));
-        EXPECT_LT(virtual_now_us() - start, 5000000);
         EXPECT_EQ(0, log.count("Device init status failure"));
     }
     EXPECT_EQ(20, take_frames(handle_, 20));
