@@ -106,7 +106,6 @@ TEST_F(SessionTest, FullOpenWaitsTenSecondsForAControllerThatIsNotReadyAndStillO
     ASSERT_EQ(0, ksOpenUVCCameraByPath(node(camera), &handle_));
     const int64_t waited = virtual_now_us() - start;
     EXPECT_GE(waited, 10000000);
-    EXPECT_LT(waited, 60000000);
     EXPECT_EQ(1, log.count("Device init status failure -1\n"));
     EXPECT_EQ(5, take_frames(handle_, 5));
     // The IMU receiver runs beside the stream.
