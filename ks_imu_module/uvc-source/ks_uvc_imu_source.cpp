@@ -201,7 +201,12 @@ int get_new_imu_data(KsImuModule* imu, _ks_imu_data_s** out) {
     }
     int32_t latest = imu->latest.load(std::memory_order_acquire);
     imu->last_read = latest;
-    *out = &imu->ring[latest];
+    // The caller gets a copy: the ring slot is rewritten once the receiver
+    // laps it, however long the caller keeps the sample. The bump after the
+    // copy orders it before any later rewrite of the slot.
+    imu->handed_out = imu->ring[latest];
+    imu->consumer_calls.fetch_add(1, std::memory_order_release);
+    *out = &imu->handed_out;
     return 0;
 }
 

@@ -48,6 +48,8 @@ typedef struct _struct_ks_imu_module {
     // Bumped by the consumer and read by the receiver before it rewrites a
     // slot, so what the consumer read is ordered before the slot's reuse.
     std::atomic<uint32_t> consumer_calls;
+    // The sample last handed to the consumer, copied out of the ring.
+    _ks_imu_data_s handed_out;
 } KsImuModule;
 
 KS_BEGIN_DECLS
