@@ -2,7 +2,10 @@
 //
 // Runs an unmodified program against simulated cameras: the options become
 // KSSIM_* environment variables, the preload library is put in front of
-// LD_PRELOAD, and the program replaces this process.
+// LD_PRELOAD, and the program replaces this process. By default the world is
+// installed into the program's copy of the driver library; with --system the
+// C library's device calls are interposed instead, so that any program (a
+// V4L2 tool, a media player) sees the simulated /dev/videoN nodes.
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -28,6 +31,7 @@ void usage(FILE* out) {
             "  --sensor NAME      ov9281, imx225, sc132gs, ar0144 or ar0132\n"
             "  --no-imu           cameras without IMU\n"
             "  --imu-rate HZ      IMU samples per second (default 400)\n"
+            "  --system           interpose the C library: any program sees the video nodes\n"
             "  --preload PATH     the preload library to use\n");
 }
 
@@ -36,7 +40,7 @@ bool exists(const std::string& path) {
 }
 
 // The preload library: beside this program, in ../lib, or where it was built.
-std::string find_preload() {
+std::string find_preload(const std::string& name, const std::string& build_path) {
     char self[PATH_MAX];
     const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
     if (n > 0) {
@@ -44,18 +48,18 @@ std::string find_preload() {
         std::string dir(self);
         dir = dir.substr(0, dir.rfind('/'));
         for (const std::string& cand :
-             {dir + "/" KSSIM_PRELOAD_NAME, dir + "/../lib/" KSSIM_PRELOAD_NAME,
-              dir + "/../lib64/" KSSIM_PRELOAD_NAME}) {
+             {dir + "/" + name, dir + "/../lib/" + name, dir + "/../lib64/" + name}) {
             if (exists(cand)) return cand;
         }
     }
-    return KSSIM_PRELOAD_BUILD_PATH;
+    return build_path;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     std::string preload;
+    bool system = false;
     int i = 1;
     auto value = [&](const char* opt) -> const char* {
         if (i + 1 >= argc) {
@@ -94,6 +98,8 @@ int main(int argc, char** argv) {
             setenv("KSSIM_IMU", "0", 1);
         else if (strcmp(a, "--imu-rate") == 0)
             setenv("KSSIM_IMU_RATE", value(a), 1);
+        else if (strcmp(a, "--system") == 0)
+            system = true;
         else if (strcmp(a, "--preload") == 0)
             preload = value(a);
         else if (strcmp(a, "-h") == 0 || strcmp(a, "--help") == 0) {
@@ -109,7 +115,9 @@ int main(int argc, char** argv) {
         usage(stderr);
         return 2;
     }
-    if (preload.empty()) preload = find_preload();
+    if (preload.empty())
+        preload = system ? find_preload(KSSIM_SYSTEM_NAME, KSSIM_SYSTEM_BUILD_PATH)
+                         : find_preload(KSSIM_PRELOAD_NAME, KSSIM_PRELOAD_BUILD_PATH);
     if (!exists(preload)) {
         fprintf(stderr, "kssim-run: preload library %s not found\n", preload.c_str());
         return 2;

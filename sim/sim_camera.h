@@ -42,8 +42,9 @@ struct OpenFile {
     Camera* camera = nullptr;
     NodeKind node = NodeKind::Capture;
     uint64_t instance = 0;  // the plug-in instance it was opened on
-    bool nonblock = false;
+    std::atomic<bool> nonblock{false};  // fcntl may change it while another thread waits
     bool signalled = false;  // eventfd holds a count; guarded by the camera's mu_
+    uint32_t priority = 2;   // V4L2_PRIORITY_DEFAULT; guarded by the camera's mu_
 };
 
 // The extension unit behind UVCIOC_CTRL_QUERY (the controller's message
@@ -110,6 +111,9 @@ class Camera {
     void attach(const std::shared_ptr<OpenFile>& f);
     void detach(OpenFile& f);
     int ioctl(OpenFile& f, unsigned long request, void* arg);  // 0 or -errno
+    // The node as a program sees it: the driver's requests above, with what
+    // the kernel's V4L2 core and the UVC driver add around them (sim_node.cpp).
+    int node_ioctl(OpenFile& f, unsigned long request, void* arg);  // 0 or -errno
     // Maps buffer memory for a host mmap; on failure MAP_FAILED and *err.
     void* map(OpenFile& f, void* addr, size_t length, int prot, int flags, off_t offset,
               std::shared_ptr<BufferSet>* set, uint32_t* index, int* err);
@@ -170,6 +174,13 @@ class Camera {
     int streamon(OpenFile& f, void* arg);
     int streamoff(OpenFile& f, void* arg);
     int parm(OpenFile& f, void* arg);
+
+    // the node layer (sim_node.cpp)
+    int priority_request(OpenFile& f, unsigned long request, void* arg);
+    int input_request(OpenFile& f, unsigned long request, void* arg);
+    int control_request(OpenFile& f, unsigned long request, void* arg);
+    int event_request(OpenFile& f, unsigned long request, void* arg);
+    uint32_t max_priority() const;  // caller holds mu_
 
     bool capture_type_ok(uint32_t type) const;
     uint32_t device_caps(NodeKind n) const;

@@ -356,6 +356,7 @@ World::Resolved World::resolve(const char* path) {
                 r.path = c->node_path(node);
                 r.camera = c.get();
                 r.node = node;
+                r.link = true;
                 return r;
             }
         }
@@ -416,7 +417,7 @@ int World::open(const char* path, int flags, mode_t mode) {
     f->fd = fd;
     f->camera = r.camera;
     f->node = r.node;
-    f->nonblock = (flags & O_NONBLOCK) != 0;
+    f->nonblock.store((flags & O_NONBLOCK) != 0);
     r.camera->attach(f);
     std::lock_guard<std::mutex> lk(mu_);
     files_[fd] = f;
@@ -439,7 +440,7 @@ int World::close(int fd) {
 int World::ioctl(int fd, unsigned long request, void* arg) {
     std::shared_ptr<OpenFile> f = file(fd);
     if (f == nullptr) return ::ioctl(fd, request, arg);
-    const int r = f->camera->ioctl(*f, request, arg);
+    const int r = f->camera->node_ioctl(*f, request, arg);
     if (r < 0) {
         errno = -r;
         return -1;
@@ -539,6 +540,12 @@ int World::stat(const char* path, struct stat* st) {
         errno = ENOENT;
         return -1;
     }
+    node_stat(r, st);
+    return 0;
+}
+
+// What stat reports for one of the world's directories or nodes.
+void World::node_stat(const Resolved& r, struct stat* st) {
     std::memset(st, 0, sizeof(*st));
     const int64_t now = clock_.real_ns();
     st->st_atim.tv_sec = st->st_mtim.tv_sec = st->st_ctim.tv_sec =
@@ -550,7 +557,7 @@ int World::stat(const char* path, struct stat* st) {
         st->st_nlink = 2;
         st->st_ino = std::hash<std::string>{}(r.path) & 0xFFFFFF;
         st->st_size = 60;
-        return 0;
+        return;
     }
     const int minor = r.camera->video_index() + static_cast<int>(r.node);
     st->st_mode = S_IFCHR | 0660;
@@ -558,7 +565,6 @@ int World::stat(const char* path, struct stat* st) {
     st->st_gid = 44;  // video
     st->st_rdev = makedev(kVideoMajor, static_cast<unsigned>(minor));
     st->st_ino = static_cast<ino_t>(500 + minor);
-    return 0;
 }
 
 int World::scandir(const char* dir, struct dirent*** namelist, ks_scandir_filter_fn filter,

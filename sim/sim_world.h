@@ -76,6 +76,31 @@ class World {
                 ks_scandir_compar_fn compar);
     char* realpath(const char* path, char* resolved);
 
+    // ---- the rest of the POSIX surface, for the system preload
+    // (sim_world_posix.cpp; errno set as the C library does)
+    bool owns_fd(int fd);
+    // Whether the path is one of the world's (a node, a link, a directory, or
+    // a missing name under /dev/v4l).
+    bool owns_path(const char* path);
+    // Whether the world answers the listing of this directory: its own, and
+    // /dev, which it extends with its nodes.
+    bool lists_dir(const char* path);
+    int fstat(int fd, struct stat* st);
+    int lstat(const char* path, struct stat* st);
+    ssize_t readlink(const char* path, char* buf, size_t size);
+    int access(const char* path, int mode);
+    // The sysfs entries of the world's nodes (/sys/dev/char/81:M and
+    // /sys/class/video4linux/videoN with their uevent, dev, name and index
+    // attributes); other names below them are missing. A file's text goes
+    // to *content.
+    enum class SysEntry { NotOurs, Dir, File, Missing };
+    SysEntry sys_entry(const char* path, std::string* content);
+    // The node's poll state behind a world descriptor; false for other descriptors.
+    bool poll_state(int fd, bool* readable, bool* error);
+    // O_NONBLOCK of a world descriptor (fcntl F_GETFL / F_SETFL).
+    int get_nonblock(int fd);
+    int set_nonblock(int fd, bool on);
+
     // Installs the backend for this world (one world at a time).
     int install();
     int uninstall();
@@ -91,8 +116,10 @@ class World {
         std::string path;  // normalised (links followed)
         Camera* camera = nullptr;
         NodeKind node = NodeKind::Capture;
+        bool link = false;  // a by-path or by-id link to the node
     };
     Resolved resolve(const char* path);
+    void node_stat(const Resolved& r, struct stat* st);
     std::vector<std::pair<std::string, unsigned char>> dir_entries(const std::string& dir);
     std::shared_ptr<OpenFile> file(int fd);
 

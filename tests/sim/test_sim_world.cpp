@@ -284,7 +284,7 @@ TEST_F(SimTest, NodesOpenManyTimesAndRefuseUnknownOrMalformedRequests) {
     for (int fd : fds) EXPECT_EQ(0, ioctl_errno(fd, VIDIOC_QUERYCAP, &cap));
     EXPECT_EQ(3u, std::set<int>(fds, fds + 3).size());
     const int a = fds[0];
-    EXPECT_EQ(ENOTTY, ioctl_errno(a, VIDIOC_G_INPUT, &cap));
+    EXPECT_EQ(ENOTTY, ioctl_errno(a, VIDIOC_G_STD, &cap));  // a camera has no TV standards
     EXPECT_EQ(ENOTTY, ioctl_errno(a, 0xDEADBEEF, &cap));
     EXPECT_EQ(EFAULT, ioctl_errno(a, VIDIOC_QUERYCAP, nullptr));
     EXPECT_EQ(EFAULT, ioctl_errno(a, VIDIOC_DQBUF, nullptr));
