@@ -1,12 +1,12 @@
 // The KSSIM_* environment options of the launcher (listed in kssim_env.h).
+#include "sim/kssim_env.h"
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
-
-#include "sim/kssim_env.h"
 
 namespace kssim {
 

@@ -17,11 +17,11 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -66,11 +66,11 @@ template <typename F>
 F next_fn(const char* name) {
     return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
-#define REAL(name)                                                          \
-    static const auto real_##name = next_fn<decltype(&::name)>(#name);      \
-    if (real_##name == nullptr) {                                           \
-        fprintf(stderr, "kssim: the C library has no %s\n", #name);         \
-        abort();                                                            \
+#define REAL(name)                                                     \
+    static const auto real_##name = next_fn<decltype(&::name)>(#name); \
+    if (real_##name == nullptr) {                                      \
+        fprintf(stderr, "kssim: the C library has no %s\n", #name);    \
+        abort();                                                       \
     }
 
 // ---- which descriptors are the world's --------------------------------------------
@@ -173,7 +173,7 @@ int sys_stat(const char* path, struct stat* st) {
     st->st_nlink = e == World::SysEntry::Dir ? 2 : 1;
     st->st_size = e == World::SysEntry::Dir ? 0 : 4096;
     st->st_blksize = 4096;
-    st->st_ino = std::hash<std::string>{}(path) & 0xFFFFFF;
+    st->st_ino = std::hash<std::string>{}(path)&0xFFFFFF;
     return 0;
 }
 
@@ -344,8 +344,7 @@ int select_world(World* w, int nfds, fd_set* r, fd_set* wr, fd_set* e, int64_t t
 }
 
 int64_t timeval_ns(const struct timeval* tv) {
-    return tv == nullptr ? -1
-                         : (static_cast<int64_t>(tv->tv_sec) * 1000000 + tv->tv_usec) * 1000;
+    return tv == nullptr ? -1 : (static_cast<int64_t>(tv->tv_sec) * 1000000 + tv->tv_usec) * 1000;
 }
 
 // epoll_wait's results with world descriptors translated; the count kept
@@ -734,9 +733,9 @@ int statx(int dirfd, const char* path, int flags, unsigned int mask, struct stat
     if (w != nullptr) {
         struct stat st;
         Inside in;
-        const int r = by_fd ? w->fstat(dirfd, &st)
-                            : ((flags & AT_SYMLINK_NOFOLLOW) ? w->lstat(path, &st)
-                                                             : w->stat(path, &st));
+        const int r =
+            by_fd ? w->fstat(dirfd, &st)
+                  : ((flags & AT_SYMLINK_NOFOLLOW) ? w->lstat(path, &st) : w->stat(path, &st));
         if (r == 0) fill_statx(st, sx);
         return r;
     }
@@ -989,7 +988,8 @@ int epoll_ctl(int epfd, int op, int fd, struct epoll_event* ev) {
     // The eventfd is always writable: wait for readability only.
     struct epoll_event e = *ev;
     const uint32_t flags = EPOLLET | EPOLLONESHOT | EPOLLWAKEUP | EPOLLEXCLUSIVE;
-    e.events = (ev->events & flags) | ((ev->events & (EPOLLIN | EPOLLRDNORM)) ? uint32_t{EPOLLIN} : 0u);
+    e.events =
+        (ev->events & flags) | ((ev->events & (EPOLLIN | EPOLLRDNORM)) ? uint32_t{EPOLLIN} : 0u);
     const int r = real_epoll_ctl(epfd, op, fd, &e);
     if (r == 0) {
         std::lock_guard<std::mutex> lk(g_epoll_mu);
@@ -1016,8 +1016,8 @@ int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout_ms,
     for (;;) {
         int wait_ms = -1;
         if (deadline >= 0)
-            wait_ms = static_cast<int>(
-                (std::max<int64_t>(deadline - now_ns(), 0) + 999999) / 1000000);
+            wait_ms =
+                static_cast<int>((std::max<int64_t>(deadline - now_ns(), 0) + 999999) / 1000000);
         const int n = real_epoll_pwait(epfd, events, max, wait_ms, mask);
         if (n <= 0) return n;
         const int kept = translate_epoll(w, epfd, events, n);

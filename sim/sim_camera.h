@@ -42,9 +42,11 @@ struct OpenFile {
     Camera* camera = nullptr;
     NodeKind node = NodeKind::Capture;
     uint64_t instance = 0;  // the plug-in instance it was opened on
-    std::atomic<bool> nonblock{false};  // fcntl may change it while another thread waits
+    // O_NONBLOCK; fcntl may change it while another thread waits in a dequeue
+    std::atomic<bool> nonblock{false};
     bool signalled = false;  // eventfd holds a count; guarded by the camera's mu_
-    uint32_t priority = 2;   // V4L2_PRIORITY_DEFAULT; guarded by the camera's mu_
+    // Access priority (V4L2_PRIORITY_DEFAULT at open); guarded by the camera's mu_
+    uint32_t priority = 2;
 };
 
 // The extension unit behind UVCIOC_CTRL_QUERY (the controller's message

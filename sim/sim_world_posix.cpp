@@ -61,7 +61,7 @@ int World::lstat(const char* path, struct stat* st) {
         st->st_mode = S_IFLNK | 0777;
         st->st_rdev = 0;
         st->st_size = static_cast<off_t>(std::strlen("../../") + r.path.size() - 5);
-        st->st_ino = std::hash<std::string>{}(path) & 0xFFFFFF;
+        st->st_ino = std::hash<std::string>{}(path)&0xFFFFFF;
     }
     return 0;
 }

@@ -80,8 +80,8 @@ static short wait_node(int fd, const char* how, short events) {
     if (strcmp(how, "poll") == 0 || strcmp(how, "ppoll") == 0) {
         struct pollfd p = {fd, events, 0};
         struct timespec ts = {WAIT_MS / 1000, 0};
-        const int r = how[0] == 'p' && how[1] == 'o' ? poll(&p, 1, WAIT_MS)
-                                                      : ppoll(&p, 1, &ts, NULL);
+        const int r =
+            how[0] == 'p' && how[1] == 'o' ? poll(&p, 1, WAIT_MS) : ppoll(&p, 1, &ts, NULL);
         return r > 0 ? p.revents : 0;
     }
     if (strcmp(how, "select") == 0 || strcmp(how, "pselect") == 0) {

@@ -43,10 +43,11 @@ bool installed(const char* tool) {
     return std::system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-#define REQUIRE_TOOL(tool, package)                                                      \
-    if (!installed(tool))                                                                \
-    GTEST_SKIP() << tool << " is not installed (Debian package " package                 \
-                 "; scripts/setup.sh installs it when run as root)"
+#define REQUIRE_TOOL(tool, package)                              \
+    if (!installed(tool))                                        \
+    GTEST_SKIP() << tool                                         \
+                 << " is not installed (Debian package " package \
+                    "; scripts/setup.sh installs it when run as root)"
 
 size_t count(const std::string& text, const std::string& what) {
     size_t n = 0;
@@ -64,10 +65,9 @@ TEST(Clients, NodeProbeSeesADeviceNodeThroughTheCLibrary) {
     const Output r = run("--warp 4", NODE_PROBE);
     EXPECT_EQ(0, r.status) << r.out;
     EXPECT_EQ(0u, count(r.out, "FAIL")) << r.out;
-    for (const char* name : {"dev-listing", "readlink", "lstat-link", "stat-node", "fstat",
-                             "read", "poll-idle", "epoll-idle", "poll-frame", "ppoll-frame",
-                             "select-frame", "pselect-frame", "epoll-frame", "select-stopped",
-                             "epoll-stopped"})
+    for (const char* name : {"dev-listing", "readlink", "lstat-link", "stat-node", "fstat", "read",
+                             "poll-idle", "epoll-idle", "poll-frame", "ppoll-frame", "select-frame",
+                             "pselect-frame", "epoll-frame", "select-stopped", "epoll-stopped"})
         EXPECT_EQ(1u, count(r.out, std::string("ok ") + name + "\n")) << name << "\n" << r.out;
 }
 
@@ -77,17 +77,18 @@ TEST(Clients, V4l2ComplianceStreamingPasses) {
     EXPECT_EQ(0, r.status) << r.out;
     std::smatch m;
     ASSERT_TRUE(std::regex_search(
-        r.out, m, std::regex("Total for uvcvideo device /dev/video0: (\\d+), Succeeded: (\\d+), "
-                             "Failed: (\\d+)")))
+        r.out, m,
+        std::regex("Total for uvcvideo device /dev/video0: (\\d+), Succeeded: (\\d+), "
+                   "Failed: (\\d+)")))
         << r.out;
     EXPECT_EQ(m[1], m[2]) << r.out;
     EXPECT_EQ("0", m[3].str()) << r.out;
-    for (const char* line : {"test VIDIOC_G/S_PRIORITY: OK", "test VIDIOC_G/S/ENUMINPUT: OK",
-                             "test VIDIOC_ENUM_FMT/FRAMESIZES/FRAMEINTERVALS: OK",
-                             "test VIDIOC_G/S_PARM: OK", "test VIDIOC_S_FMT: OK",
-                             "test VIDIOC_REQBUFS/CREATE_BUFS/QUERYBUF: OK",
-                             "test blocking wait: OK", "test MMAP (no poll): OK",
-                             "test MMAP (select): OK", "test MMAP (epoll): OK"})
+    for (const char* line :
+         {"test VIDIOC_G/S_PRIORITY: OK", "test VIDIOC_G/S/ENUMINPUT: OK",
+          "test VIDIOC_ENUM_FMT/FRAMESIZES/FRAMEINTERVALS: OK", "test VIDIOC_G/S_PARM: OK",
+          "test VIDIOC_S_FMT: OK", "test VIDIOC_REQBUFS/CREATE_BUFS/QUERYBUF: OK",
+          "test blocking wait: OK", "test MMAP (no poll): OK", "test MMAP (select): OK",
+          "test MMAP (epoll): OK"})
         EXPECT_EQ(1u, count(r.out, line)) << line << "\n" << r.out;
 }
 
@@ -114,9 +115,10 @@ TEST(Clients, V4l2CtlReportsTheSizesRatesAndSettings) {
         EXPECT_EQ(1u, count(a.out, line)) << line << "\n" << a.out;
 
     // Through the by-id link, and after choosing the smaller size.
-    const Output s = run("--serial KSCLIENT01",
-                      "v4l2-ctl -d /dev/v4l/by-id/usb-KS_KESTRA_Stereo_Camera_KSCLIENT01-video-index0"
-                      " --set-fmt-video=width=640,height=480 --get-fmt-video");
+    const Output s =
+        run("--serial KSCLIENT01",
+            "v4l2-ctl -d /dev/v4l/by-id/usb-KS_KESTRA_Stereo_Camera_KSCLIENT01-video-index0"
+            " --set-fmt-video=width=640,height=480 --get-fmt-video");
     EXPECT_EQ(0, s.status) << s.out;
     EXPECT_EQ(1u, count(s.out, "Width/Height      : 640/480")) << s.out;
 }
@@ -125,7 +127,7 @@ TEST(Clients, V4l2CtlStreamsAHundredMappedBuffers) {
     REQUIRE_TOOL("v4l2-ctl", "v4l-utils");
     const Output r = run("--warp 2", "v4l2-ctl -d /dev/video0 --stream-mmap --stream-count=100");
     EXPECT_EQ(0, r.status) << r.out;
-    EXPECT_EQ(100u, count(r.out, "<")) << r.out;  // one mark per dequeued buffer
+    EXPECT_EQ(100u, count(r.out, "<")) << r.out;        // one mark per dequeued buffer
     EXPECT_GE(count(r.out, "30.00 fps"), 1u) << r.out;  // measured on the buffers' timestamps
 }
 
@@ -133,9 +135,11 @@ TEST(Clients, FfmpegGrabsThirtyFramesOfTheCamera) {
     REQUIRE_TOOL("ffmpeg", "ffmpeg");
     const std::string out = temp_path("ffmpeg.bgr");
     std::remove(out.c_str());
-    const Output r = run("--warp 2", "ffmpeg -hide_banner -nostdin -loglevel error -y -f v4l2 -i "
-                                  "/dev/video0 -frames:v 30 -fps_mode passthrough -pix_fmt bgr24 "
-                                  "-f rawvideo " + out);
+    const Output r = run("--warp 2",
+                         "ffmpeg -hide_banner -nostdin -loglevel error -y -f v4l2 -i "
+                         "/dev/video0 -frames:v 30 -fps_mode passthrough -pix_fmt bgr24 "
+                         "-f rawvideo " +
+                             out);
     EXPECT_EQ(0, r.status) << r.out;
     std::ifstream in(out, std::ios::binary);
     const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
