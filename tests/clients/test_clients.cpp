@@ -7,7 +7,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <vector>
@@ -141,9 +140,10 @@ TEST(Clients, FfmpegGrabsThirtyFramesOfTheCamera) {
                          "-f rawvideo " +
                              out);
     EXPECT_EQ(0, r.status) << r.out;
-    std::ifstream in(out, std::ios::binary);
-    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                     std::istreambuf_iterator<char>());
+    std::ifstream in(out, std::ios::binary | std::ios::ate);
+    std::vector<uint8_t> bytes(in ? static_cast<size_t>(in.tellg()) : 0);
+    in.seekg(0);
+    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     constexpr size_t kFrame = 1280 * 720 * 3;
     ASSERT_EQ(30 * kFrame, bytes.size());
     // Every frame arrived whole: its metadata line, in order.
