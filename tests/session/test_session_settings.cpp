@@ -615,6 +615,16 @@ TEST_F(SettingsTest, BadValuesAndFaultsAreRefusedCleanly) {
          "Line offset overflow nan\n",
          {{At::Asic, 0x71, 0}, {At::Asic, 0x72, 0}, {At::Asic, 0x73, 0}, {At::Asic, 0x74, 0}},
          false},
+        {"line offset infinite", {}, [&] { return ksSetLineOffset(handle_, kInf); }, -2,
+         "SetLineOffset fails, return -1\n", "invalid offset val", {}, false},
+        {"gain without the sensor model",
+         {{KSSIM_FAULT_I2C_REFUSE_FPGA, 2}},
+         [&] { return ksSetCameraGain(handle_, 40); },
+         -2, "", "Failed to get cmos model\n", {}, false},
+        {"frame rate without the sensor model",
+         {{KSSIM_FAULT_I2C_REFUSE_FPGA, 2}},
+         [&] { return ksSetCameraFps(handle_, 20.0f); },
+         -1, "Error: Failed to query CMOS model.Unable to set FPS\n", "", {}, false},
         {"trim the ASIC does not take",
          {{KSSIM_FAULT_I2C_REFUSE_ASIC, 1}},
          [&] { return ksSetLineTrim(handle_, 10, 20); },
@@ -912,4 +922,28 @@ TEST_F(SettingsTest, VersionsHardwareAndTheGuardPair) {
     EXPECT_EQ(-1, read);
     EXPECT_NE(std::string::npos, printed.find("None FPGA Module. Write Fpga Reg Failed"));
     EXPECT_NE(std::string::npos, printed.find("Unsupport\n"));
+}
+
+// How a line offset is split between the two sensors: both parts are
+// non-negative, their difference is the offset and their sum a whole number
+// of lines; what is not a number gives none.
+TEST(LineOffsetSplit, BothPartsNonNegativeWithAWholeSum) {
+    struct Split {
+        float offset, left, right;
+    };
+    _KestraStereoCamSDK_Impl session;
+    for (const Split& s : {Split{3.0f, 3.0f, 0.0f}, Split{5e-7f, 0.0f, 0.0f},
+                           Split{-2.0f, 0.0f, 2.0f}, Split{2.3f, 2.65f, 0.35f},
+                           Split{-0.5f, 0.25f, 0.75f}, Split{kNaN, 0.0f, 0.0f},
+                           Split{kInf, kInf, 0.0f}, Split{-3e9f, 0.0f, 3e9f}}) {
+        float left = -1, right = -1;
+        session.autoAssignLineOffsetLR(s.offset, &left, &right);
+        EXPECT_FLOAT_EQ(s.left, left) << s.offset;
+        EXPECT_FLOAT_EQ(s.right, right) << s.offset;
+    }
+    v4l2test::LogCapture log(LOG_TRACE);
+    float left = 0, right = 0;
+    session.autoAssignLineOffsetLR(2.3f, &left, &right);
+    EXPECT_EQ(1, log.count("autoAssignLR: [2.300000]->[2.300000 0.000000 0.350000]->"
+                           "[2.650000 0.350000]->[2.300000]\n"));
 }
