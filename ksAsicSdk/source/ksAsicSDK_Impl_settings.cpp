@@ -13,7 +13,6 @@
 #include "ks_asic_iic_ctrl/source/ks_iic_asic_control.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_cmos_control.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_eeprom_store.h"
-#include "ks_asic_iic_ctrl/source/ks_iic_image_transfer.h"
 
 namespace {
 
