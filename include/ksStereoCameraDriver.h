@@ -54,8 +54,16 @@ typedef struct KSCameraAbstract KSCameraAbstract;
 /* The camera handle: the camera object itself, opaque to applications. */
 typedef KSCameraAbstract* KSCameraHandle;
 
+/* The enumerations take any int in C++ as they do in C, so that a value a C
+ * caller passes outside the enumerators is refused, not undefined. */
+#ifdef __cplusplus
+#define KS_ENUM_OF_INT : int
+#else
+#define KS_ENUM_OF_INT
+#endif
+
 /* Output mode of the camera. */
-typedef enum _ks_video_mode_e {
+typedef enum _ks_video_mode_e KS_ENUM_OF_INT {
     KS_VIDEO_MODE_STEREO_ORIGIN = 0,      /* unrectified left/right pair */
     KS_VIDEO_MODE_STEREO_RECTIFIED = 2,   /* rectified pair */
     KS_VIDEO_MODE_RGBD = 5,               /* image plus on-camera disparity (default) */
@@ -64,7 +72,7 @@ typedef enum _ks_video_mode_e {
 } _ks_video_mode_e;
 
 /* Fill-light behaviour. */
-typedef enum _ks_filllight_type_e {
+typedef enum _ks_filllight_type_e KS_ENUM_OF_INT {
     KS_FILLLIGHT_TYPE_OFF = 0,         /* intensity forced to 0 */
     KS_FILLLIGHT_TYPE_CTRL_MODE_1 = 1, /* on at the current intensity, light-control mode 1 */
     KS_FILLLIGHT_TYPE_CTRL_MODE_0 = 2, /* on at the current intensity, light-control mode 0 */

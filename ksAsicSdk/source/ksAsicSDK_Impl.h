@@ -176,6 +176,8 @@ class _KestraStereoCamSDK_Impl {
 
     // Read-only views for the camera object.
     KsY4L2Cam* driverHandle() const { return m_driver; }
+    // Metadata line of the last parsed frame (one word per pixel of line 0).
+    unsigned short* metadataLine() const { return m_meta; }
     _struct_ks_ctrl_device* ctrlHandle() const { return m_ctrl; }
     unsigned char currentChannel() const { return m_channel; }
 

@@ -63,6 +63,29 @@ class KSUVCCamera : public KSCamera {
                                      unsigned char** right, unsigned long* timestamp) override;
 
     // ---- settings, identity, engineering access (KSUVCCamera_settings.cpp) ----
+    int set_filllight_type(_ks_filllight_type_e type) override;
+    int get_filllight_type(_ks_filllight_type_e* type) override;
+    int set_search_range(uint8_t range) override;
+    int get_search_range(uint8_t* range) override;
+    int set_line_offset(float offset) override;
+    int get_line_offset(float* offset) override;
+    int set_disp_offset(float offset) override;
+    int get_disp_offset(float* offset) override;
+    int set_line_trim(uint16_t left, uint16_t right) override;
+    int get_line_trim(uint16_t* left, uint16_t* right) override;
+    int set_exposure(uint16_t value) override;
+    int get_exposure(uint16_t* value) override;
+    int set_camera_gain(uint16_t gain) override;
+    int set_camera_sn(const char* sn) override;
+    int erase_camera_sn() override;
+    int get_camera_sn(char* sn) override;
+    int get_usb_version(char* version) override;
+    int get_fpga_release_date(uint8_t* year, uint8_t* month, uint8_t* day) override;
+    int get_fpga_version(uint8_t* major, uint8_t* minor) override;
+    int get_camera_hardware_info(uint8_t* pcb, uint8_t* sensor) override;
+    int get_camera_cmos_swap_mode(uint8_t* mode) override;
+    int write_nuvex_register_value(uint16_t reg, uint16_t value) override;
+    int read_nuvex_register_value(uint16_t reg, uint16_t* value) override;
     int check_nuvex_chip_status() override;
     int check_cmos_status() override;
     int set_camera_fps(float fps) override;
