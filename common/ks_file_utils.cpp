@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -491,3 +492,11 @@ void* ks_memcpy(void* dst, const void* src, size_t size) {
 }
 
 }  // extern "C"
+
+int split_string(const std::string& text, char delimiter, std::vector<std::string>& out) {
+    out.clear();
+    std::istringstream in(text);
+    std::string piece;
+    while (std::getline(in, piece, delimiter)) out.push_back(piece);
+    return 0;
+}

@@ -114,4 +114,14 @@ KS_API void* ks_memcpy(void* dst, const void* src, size_t size);
 
 KS_END_DECLS
 
+#ifdef __cplusplus
+#include <string>
+#include <vector>
+
+/* Splits text at every delimiter into out (cleared first), as reading pieces
+ * with std::getline does: empty pieces between two delimiters count, a
+ * trailing delimiter adds none, an empty text gives none. Returns 0. */
+KS_API int split_string(const std::string& text, char delimiter, std::vector<std::string>& out);
+#endif
+
 #endif
