@@ -96,6 +96,9 @@ int _KestraStereoCamSDK_Impl::initCamCtrl(const char* path) {
     }
     m_ctrl = static_cast<_struct_ks_ctrl_device*>(calloc(1, sizeof(_struct_ks_ctrl_device)));
     if (m_ctrl == nullptr) return -1;
+    // No descriptor until the open succeeds: the release of a handle whose
+    // open failed must not close descriptor 0 of the process.
+    m_ctrl->fd = -1;
     return static_cast<int>(ks_open_ctrl_device(m_ctrl, path));
 }
 
