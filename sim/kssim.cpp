@@ -155,6 +155,12 @@ kssim_camera* kssim_world_add_usb2_camera(kssim_world* w, const char* serial) {
     return handle(W(w)->add_camera(Camera::Kind::Stereo, cfg));
 }
 
+int kssim_world_add_by_path_link(kssim_world* w, kssim_camera* c, kssim_node node,
+                                 const char* name) {
+    if (w == nullptr || c == nullptr || !valid_node(node) || name == nullptr) return -1;
+    return W(w)->add_by_path_link(C(c), static_cast<NodeKind>(node), name);
+}
+
 uint32_t kssim_world_camera_count(kssim_world* w) {
     return w == nullptr ? 0 : W(w)->camera_count();
 }

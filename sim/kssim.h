@@ -160,6 +160,14 @@ typedef enum kssim_node { KSSIM_NODE_CAPTURE = 0, KSSIM_NODE_META = 1 } kssim_no
 const char* kssim_camera_node_path(kssim_camera* c, kssim_node node);
 const char* kssim_camera_by_path_link(kssim_camera* c, kssim_node node);
 const char* kssim_camera_by_id_link(kssim_camera* c, kssim_node node);
+/* Gives a node of camera c a further link in /dev/v4l/by-path, named name
+ * (an entry name, no '/'), resolving to the same node. Some udev versions
+ * make two by-path links for one node (an older naming scheme kept beside
+ * the current one); this stages that. The link is there while the camera is
+ * plugged. 0, or -1 when c is not of this world, the name is empty, ".",
+ * "..", holds a '/', is longer than 255 characters or is already taken. */
+int kssim_world_add_by_path_link(kssim_world* w, kssim_camera* c, kssim_node node,
+                                 const char* name);
 int kssim_camera_get_config(kssim_camera* c, kssim_camera_config* out);
 
 /* Output channel (one of KSSIM_CHANNEL_*): 0, or -1 for another value. On

@@ -258,6 +258,25 @@ Camera* World::add_camera(Camera::Kind kind, const kssim_camera_config& in) {
     return cameras_.back().get();
 }
 
+int World::add_by_path_link(Camera* c, NodeKind node, const std::string& name) {
+    if (c == nullptr || name.empty() || name == "." || name == ".." ||
+        name.find('/') != std::string::npos || name.size() >= sizeof(dirent::d_name))
+        return -1;
+    const std::string path = std::string(kByPathDir) + "/" + name;
+    std::lock_guard<std::mutex> lk(mu_);
+    bool ours = false;
+    for (auto& cam : cameras_) {
+        ours = ours || cam.get() == c;
+        for (int n = 0; n < 2; ++n)
+            if (cam->by_path_link(static_cast<NodeKind>(n)) == path) return -1;
+    }
+    if (!ours) return -1;
+    for (const ExtraLink& l : extra_by_path_)
+        if (l.path == path) return -1;
+    extra_by_path_.push_back({path, c, node});
+    return 0;
+}
+
 uint32_t World::camera_count() {
     std::lock_guard<std::mutex> lk(mu_);
     return static_cast<uint32_t>(cameras_.size());
@@ -361,6 +380,16 @@ World::Resolved World::resolve(const char* path) {
             }
         }
     }
+    for (const ExtraLink& l : extra_by_path_) {
+        if (p == l.path && l.camera->plugged()) {
+            r.kind = PathKind::Node;
+            r.path = l.camera->node_path(l.node);
+            r.camera = l.camera;
+            r.node = l.node;
+            r.link = true;
+            return r;
+        }
+    }
     return r;
 }
 
@@ -381,6 +410,10 @@ std::vector<std::pair<std::string, unsigned char>> World::dir_entries(const std:
             const NodeKind node = static_cast<NodeKind>(n);
             out.emplace_back(by_path ? c->by_path_name(node) : c->by_id_name(node), DT_LNK);
         }
+    }
+    if (by_path) {
+        for (const ExtraLink& l : extra_by_path_)
+            if (l.camera->plugged()) out.emplace_back(l.path.substr(l.path.rfind('/') + 1), DT_LNK);
     }
     return out;
 }

@@ -4,7 +4,9 @@
 // Owned paths: the capture and metadata nodes of its cameras (/dev/videoN)
 // and the whole /dev/v4l tree, whose by-path and by-id directories hold
 // links to the nodes of plugged cameras (and, as udev does, disappear when
-// empty). Everything else falls through to the real system.
+// empty). A node may be given further by-path links, as udev versions that
+// keep an older naming scheme beside the current one make. Everything else
+// falls through to the real system.
 #ifndef KSSIM_SIM_WORLD_H
 #define KSSIM_SIM_WORLD_H
 
@@ -57,6 +59,11 @@ class World {
     void set_warp(double warp);
 
     Camera* add_camera(Camera::Kind kind, const kssim_camera_config& cfg);
+    // A further /dev/v4l/by-path entry for a node of c, present while c is
+    // plugged. 0, or -1 for a camera of another world, an empty name, one
+    // with '/', "." or "..", one longer than a directory entry holds, or one
+    // the directory already has.
+    int add_by_path_link(Camera* c, NodeKind node, const std::string& name);
     uint32_t camera_count();
     Camera* camera(uint32_t index);
 
@@ -135,6 +142,12 @@ class World {
     std::vector<std::unique_ptr<Camera>> cameras_;
     std::unordered_map<int, std::shared_ptr<OpenFile>> files_;
     std::map<uintptr_t, Mapping> mappings_;
+    struct ExtraLink {
+        std::string path;  // full path of the link
+        Camera* camera;
+        NodeKind node;
+    };
+    std::vector<ExtraLink> extra_by_path_;
     int next_port_ = 1;
 };
 
