@@ -1,6 +1,7 @@
 #include "driver/driver_cpp/source/KSUVCCameraFactory.h"
 
 #include <cstdio>
+#include <memory>
 
 #include "driver/driver_cpp/source/KSUVCCamera.h"
 
@@ -54,9 +55,15 @@ int KSUVCCameraFactory::create_camera_by_path_initCamSimple(const char* path,
         out, [&](KSUVCCamera* camera) { return camera->open_camera_initCamSimple(path); });
 }
 
+// The session's own result is handed back, not a factory code.
 int ks_open_uvc_camera_by_sn(_ks_camera_list* list, const char* sn, KSCameraAbstract** out) {
-    if (out != nullptr) *out = nullptr;
-    return -1;
+    if (out == nullptr) return -1;
+    *out = nullptr;
+    std::unique_ptr<KSUVCCamera> camera(new KSUVCCamera());
+    const int result = camera->open_camera_by_sn(list, sn);
+    if (result != 0) return result;
+    *out = camera.release();
+    return 0;
 }
 
 static KSUVCCameraFactory s_uvcCameraFactory;
