@@ -120,8 +120,9 @@ KS_END_DECLS
 
 /* Splits text at every delimiter into out (cleared first), as reading pieces
  * with std::getline does: empty pieces between two delimiters count, a
- * trailing delimiter adds none, an empty text gives none. Returns 0. */
-KS_API int split_string(const std::string& text, char delimiter, std::vector<std::string>& out);
+ * trailing delimiter adds none, an empty text gives none. Returns 0.
+ * For the library's own C++ code: not exported. */
+int split_string(const std::string& text, char delimiter, std::vector<std::string>& out);
 #endif
 
 #endif

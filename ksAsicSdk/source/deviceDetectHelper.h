@@ -41,20 +41,22 @@ KS_API int getTrueLink(const char* path, char* resolved);
 
 KS_END_DECLS
 
+// Steps of the query, for the library's own C++ code (not exported).
+
 // The accepted /dev/v4l/by-path links, in listing order; 0.
-KS_API int listAvaiableDeviceByV4lPath(std::vector<std::string>& out);
+int listAvaiableDeviceByV4lPath(std::vector<std::string>& out);
 // Opens one candidate and checks it: 0 accepted; -1 not openable, -2..-4 as
 // deviceCapabilityVerify, -5 no 1280 x 720 frames (reported as USB 2.0).
-KS_API int camDeviceVerify(const char* path, std::string keywords);
+int camDeviceVerify(const char* path, std::string keywords);
 // keywords: key words joined by '&'. 0; -2 VIDIOC_QUERYCAP failed, -3 no key
 // word in the card name, -4 no video capture.
-KS_API int deviceCapabilityVerify(int fd, std::string keywords);
+int deviceCapabilityVerify(int fd, std::string keywords);
 // dir + "/" + name of every entry whose name starts with prefix (null or
 // empty: all), "." and ".." left out, in reverse alphabetical order; 0, or -1
 // when the directory cannot be listed.
-KS_API int getFileNameList(std::string dir, std::vector<std::string>& out, const char* prefix);
+int getFileNameList(std::string dir, std::vector<std::string>& out, const char* prefix);
 // The four characters of a fourcc, lowest byte first, 7 bits each; "-BE"
 // appended when bit 31 is set.
-KS_API std::string fcc2s(unsigned int fourcc);
+std::string fcc2s(unsigned int fourcc);
 
 #endif
