@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <memory>
 
 #include "driver/driver_cpp/source/KSUVCCamera.h"
 
@@ -28,12 +29,9 @@ template <typename Open>
 int create_and_open(KSCameraAbstract** out, Open&& open) {
     if (out == nullptr) return -1;
     *out = nullptr;
-    KSUVCCamera* camera = new KSUVCCamera();
-    if (open(camera) != 0) {
-        delete camera;
-        return -2;
-    }
-    *out = camera;
+    std::unique_ptr<KSUVCCamera> camera(new KSUVCCamera());
+    if (open(camera.get()) != 0) return -2;
+    *out = camera.release();
     return 0;
 }
 
