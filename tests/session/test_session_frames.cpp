@@ -294,3 +294,59 @@ TEST_F(SessionTest, FramesWithoutMarkerOrStreamAndSessionsWithoutBuffers) {
     EXPECT_EQ((std::vector<int>{255, 0, 0}), entry(2048));
     EXPECT_EQ((std::vector<int>{255, 0, 0}), entry(8191));
 }
+
+// The stereo constants come from the ASIC; while it does not answer, from
+// the last parsed frame, or else from a frame fetched for them.
+TEST_F(SessionTest, StereoConstantsFromTheAsicTheLastFrameOrAFetchedOne) {
+    kssim_camera* camera = add_camera(room);
+    ASSERT_EQ(0, ksOpenUVCCameraByPath(node(camera), &handle_));
+    auto& session = static_cast<KSUVCCamera*>(handle_)->session();
+    ASSERT_EQ(0, inject(camera, KSSIM_FAULT_I2C_REFUSE_ASIC, 0, 2));
+    float bxf = 0, base = 0;
+    {
+        v4l2test::LogCapture log(LOG_WARN);
+        ASSERT_EQ(0, ksGetBxfAndBase(handle_, &bxf, &base));
+        EXPECT_EQ(1, log.count("No Meta loaded,Retriving Image data"));
+    }
+    EXPECT_FLOAT_EQ(35000.0f, bxf);
+    EXPECT_FLOAT_EQ(50.0f, base);
+
+    // The session's own frame getters on the same frames.
+    unsigned int id = 0;
+    unsigned char* image = nullptr;
+    unsigned short* disparity = nullptr;
+    unsigned long ts = 0;
+    ASSERT_EQ(0, session.GetNextFrame(&id, &image, &disparity, &ts));
+    EXPECT_NE(0u, id);
+    EXPECT_NE(0u, ts);
+    unsigned char channel = 0;
+    {
+        v4l2test::LogCapture log(LOG_DEBUG);
+        ASSERT_EQ(0, ksGetBxfAndBase(handle_, &bxf, &base));
+        EXPECT_EQ(1, log.count("Meta Data Has Been Loaded"));
+        EXPECT_EQ(0, log.count("Retriving"));
+    }
+    EXPECT_FLOAT_EQ(35000.0f, bxf);
+    unsigned short* own_meta = nullptr;
+    unsigned short* left = nullptr;
+    unsigned short* right = nullptr;
+    ASSERT_EQ(0, session.GetNextRawFrame(&id, &left, &right));
+    ASSERT_EQ(0, session.parseToRgbdImage(session.driverHandle()->safe_frame, &image, &disparity,
+                                          &own_meta));
+    ASSERT_EQ(0, session.parseImageChannelFromMeta(own_meta, &channel));
+    EXPECT_EQ(0x7F, channel);
+    {
+        ks_test::FdCapture out(1);
+        own_meta[0] = 0;
+        EXPECT_EQ(-1, session.parseImageChannelFromMeta(own_meta, &channel));
+        EXPECT_EQ(-50, session.frameInfoProcess(own_meta, &ts));
+        EXPECT_EQ("Invalid metadata input\n", out.text());
+    }
+
+    // In standby nothing is left to read them from.
+    ASSERT_EQ(0, ksSuspendCamera(handle_));
+    bxf = base = 0;
+    EXPECT_EQ(-2, ksGetBxfAndBase(handle_, &bxf, &base));
+    EXPECT_FLOAT_EQ(-1.0f, bxf);
+    EXPECT_FLOAT_EQ(-1.0f, base);
+}
