@@ -133,15 +133,13 @@ TEST_F(SessionTest, SecondStreamConfigurationUploadedListedAndSelected) {
     EXPECT_EQ(KS_VIDEO_MODE_RGBD, mode);
 }
 
-// Slots and files the camera cannot use: each call fails with its code and
-// message, writes nothing it should not, and the stream comes back with the
-// next good selection or a resume.
-TEST_F(SessionTest, SlotsAndEprFilesTheCameraCannotUse) {
+// EPR files and slots the camera cannot use: each call fails with its code
+// and message and writes nothing it should not.
+TEST_F(SessionTest, EprFilesAndSlotsWithoutUsableDescriptors) {
     kssim_camera* camera = add_camera();
     ASSERT_EQ(0, ksOpenUVCCameraByPath(node(camera), &handle_));
     ks_test::TempDir dir;
     write_bytes(dir / "hd.epr", epr_image(1280, 720, 33000, 50));
-    write_bytes(dir / "empty.epr", {});
 
     // Refused before anything is written: missing, too large (a sparse file
     // beyond what a 32-bit length can pad), a slot outside the table, no path.
@@ -203,10 +201,17 @@ TEST_F(SessionTest, SlotsAndEprFilesTheCameraCannotUse) {
     kssim_camera_traffic_clear(camera);
     EXPECT_EQ(-2, ksSetVideoParam(handle_, 6));
     EXPECT_EQ(0u, writes_in_traffic(camera));
+}
 
-    // An empty file is stored as a zero-filled image, which the ASIC refuses:
-    // the selection fails and leaves the camera without a stream.
-    ASSERT_EQ(0, ksSelectEprFile(handle_, 0));
+// Slots whose image the ASIC refuses leave the camera without a stream until
+// the next good selection or a resume.
+TEST_F(SessionTest, RefusedSlotsLeaveTheCameraWithoutAStream) {
+    kssim_camera* camera = add_camera();
+    ASSERT_EQ(0, ksOpenUVCCameraByPath(node(camera), &handle_));
+    ks_test::TempDir dir;
+    write_bytes(dir / "empty.epr", {});
+
+    // An empty file is stored as a zero-filled image, which the ASIC refuses.
     Frame kept = frame_of_channel(handle_, kRgbdCode, 1280, 720);
     ASSERT_FALSE(kept.bytes.empty());
     const _ks_video_param_s empty_slot = param(4, 1280, 720);
