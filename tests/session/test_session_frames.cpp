@@ -204,11 +204,12 @@ TEST_F(SessionTest, FramesWithoutMarkerOrStreamAndSessionsWithoutBuffers) {
     ASSERT_FALSE(good.bytes.empty());
     auto& session = static_cast<KSUVCCamera*>(handle_)->session();
 
-    // The capture thread drops frames without the marker, so none arrives;
-    // a frozen frame id gives no new frame either. The session reports a
-    // time-out (10) or, once the capture thread reopens the silent device, a
-    // reconnection (9); the public call -2.
-    for (kssim_fault_kind kind : {KSSIM_FAULT_BAD_MARKER, KSSIM_FAULT_FROZEN_FRAME_ID}) {
+    // A stalled stream delivers nothing; the capture thread drops frames
+    // without the marker; a frozen frame id gives no new frame. The session
+    // reports a time-out (10) or, once the capture thread reopens the silent
+    // device, a reconnection (9); the public call -2.
+    for (kssim_fault_kind kind :
+         {KSSIM_FAULT_STALL, KSSIM_FAULT_BAD_MARKER, KSSIM_FAULT_FROZEN_FRAME_ID}) {
         SCOPED_TRACE(kind);
         ASSERT_EQ(0, inject(camera, kind, 0));
         unsigned long id = 0, last = good.id;
