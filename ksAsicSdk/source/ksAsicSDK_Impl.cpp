@@ -18,6 +18,9 @@ constexpr const char* kImplVersion = "1.7.6.303";
 // Readiness of the controller: attempts and the pause between them.
 constexpr int kDeviceCheckAttempts = 10;
 constexpr unsigned kDeviceCheckPauseSeconds = 1;
+// The metadata buffer holds at least the words the session reads (up to the
+// exposure statistics), zeros beyond a narrow frame's line.
+constexpr size_t kMetaMinWords = 64;
 
 }  // namespace
 
@@ -29,6 +32,8 @@ _KestraStereoCamSDK_Impl::_KestraStereoCamSDK_Impl()
       m_raw(nullptr),
       m_color_table(nullptr),
       m_meta(nullptr),
+      m_buf_width(0),
+      m_buf_height(0),
       m_sync_id(0),
       m_ready(false),
       m_channel(KS_SESSION_CHANNEL_RGBD),
@@ -221,7 +226,8 @@ void _KestraStereoCamSDK_Impl::_private_alloc_image_buf() {
     m_rgbd = static_cast<_cam_frame_rgbd_data*>(calloc(1, sizeof(_cam_frame_rgbd_data)));
     m_raw = static_cast<_cam_frame_raw_data*>(calloc(1, sizeof(_cam_frame_raw_data)));
     m_color_table = static_cast<unsigned char*>(malloc(kKsColorTableBytes));
-    m_meta = static_cast<unsigned short*>(calloc(width > 0 ? width : 1, sizeof(unsigned short)));
+    m_meta = static_cast<unsigned short*>(
+        calloc(width > kMetaMinWords ? width : kMetaMinWords, sizeof(unsigned short)));
     bool complete = m_rgbd != nullptr && m_raw != nullptr && m_color_table != nullptr &&
                     m_meta != nullptr && pixels > 0;
     if (complete) {
@@ -237,6 +243,8 @@ void _KestraStereoCamSDK_Impl::_private_alloc_image_buf() {
         m_ready = false;
         return;
     }
+    m_buf_width = static_cast<uint16_t>(width);
+    m_buf_height = static_cast<uint16_t>(height);
     m_ready = true;
 }
 
@@ -257,6 +265,8 @@ void _KestraStereoCamSDK_Impl::_private_free_image_buf() {
     m_color_table = nullptr;
     free(m_meta);
     m_meta = nullptr;
+    m_buf_width = 0;
+    m_buf_height = 0;
 }
 
 int _KestraStereoCamSDK_Impl::_private_check_device() {

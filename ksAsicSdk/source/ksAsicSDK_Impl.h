@@ -172,7 +172,8 @@ class _KestraStereoCamSDK_Impl {
     int _private_check_device();
     int _private_initKsImuModule(const char* ctrl);
     int _private_setLineOffset(float offset, bool save);
-    int _private_parseEprLogFile(const char* file, _struct_rectify_cam_para_info* info);
+    int _private_parseEprLogFile(const char* file, _struct_epr_info* info,
+                                 _struct_rectify_cam_para_info* para);
 
     // Read-only views for the camera object.
     KsY4L2Cam* driverHandle() const { return m_driver; }
@@ -180,6 +181,9 @@ class _KestraStereoCamSDK_Impl {
     unsigned short* metadataLine() const { return m_meta; }
     _struct_ks_ctrl_device* ctrlHandle() const { return m_ctrl; }
     unsigned char currentChannel() const { return m_channel; }
+    // Size of the image buffers; 0 x 0 while the session has none.
+    uint16_t imageBufferWidth() const { return m_buf_width; }
+    uint16_t imageBufferHeight() const { return m_buf_height; }
 
   private:
     int _private_loadInitialDispOffset();
@@ -188,6 +192,8 @@ class _KestraStereoCamSDK_Impl {
     int _private_loadInitialCameraFPS();
     int _private_setup_stream(bool with_device_check, bool with_imu, const char* video,
                               const char* ctrl);
+    // True when the image buffers exist and match the stream's frame size.
+    bool _private_buffers_match_stream() const;
 
     KsY4L2Cam* m_driver;
     _struct_ks_ctrl_device* m_ctrl;
@@ -196,6 +202,8 @@ class _KestraStereoCamSDK_Impl {
     _cam_frame_raw_data* m_raw;
     unsigned char* m_color_table;
     unsigned short* m_meta;
+    uint16_t m_buf_width;
+    uint16_t m_buf_height;
     // Written by the capture thread, read by the IMU receiver.
     unsigned long m_sync_id;
     bool m_ready;

@@ -71,6 +71,7 @@ bool KSUVCCamera::is_suspend() {
 
 int KSUVCCamera::suspend_camera() {
     Guard guard(m_mutex);
+    forget_stream();
     if (m_session.CameraStandby() != 0) return -1;
     m_suspended = true;
     return 0;
@@ -78,6 +79,7 @@ int KSUVCCamera::suspend_camera() {
 
 int KSUVCCamera::resume_camera() {
     Guard guard(m_mutex);
+    forget_stream();
     if (m_session.CameraResume() != 0) return -1;
     m_suspended = false;
     return 0;

@@ -48,6 +48,34 @@ class KSUVCCamera : public KSCamera {
     int set_disparity_filter_max_and_min_distance(float max_distance, float min_distance) override;
 
     // ---- images, modes, stream parameters, EPR slots (KSUVCCamera_frames.cpp) ----
+    int set_video_mode(_ks_video_mode_e mode) override;
+    int get_video_mode(_ks_video_mode_e* mode) override;
+    int get_bxf_and_base(float* bxf, float* base) override;
+    int get_rgbd_image(unsigned char* src, unsigned char** disparity,
+                       unsigned char** image) override;
+    int get_rgbd_disparity_data(unsigned char* src, unsigned char** disparity) override;
+    int get_rgbd_yuvi420_image(unsigned char* src, unsigned char** image) override;
+    int get_raw_image(unsigned char* src, unsigned char** left, unsigned char** right) override;
+    int get_raw_left_bayer_image(unsigned char* src, unsigned char** image) override;
+    int get_raw_right_bayer_image(unsigned char* src, unsigned char** image) override;
+    int get_rectified_image(unsigned char* src, unsigned char** left,
+                            unsigned char** right) override;
+    int get_rectified_left_gray_image(unsigned char* src, unsigned char** image) override;
+    int get_rectified_right_yuvi420_image(unsigned char* src, unsigned char** image) override;
+    int get_supported_video_param(_ks_video_param_s** list, uint8_t* count) override;
+    int set_video_param(uint8_t index) override;
+    int get_video_param(uint8_t* index) override;
+    int get_video_resolution(uint16_t* width, uint16_t* height) override;
+    int get_realtime_fps(double* fps) override;
+    int switch_to_origin_disparity() override;
+    int upload_fpga_bit_file(const char* path) override;
+    int upload_epr_file(const char* path, const _ks_video_param_s* param) override;
+    int amend_video_frame_param(const _ks_video_param_s* param) override;
+    int store_epr_file(const char* path, uint8_t slot) override;
+    int store_epr_file_with_video_frame_param(const char* path,
+                                              const _ks_video_param_s* param) override;
+    int select_epr_file(uint8_t slot) override;
+    int show_all_custom_eeprom() override;
     int upload_camera_epr_for_auto_calibration(uint8_t slot, const char* dir) override;
     int back_up_effective_epr_file(const char* path) override;
     int reset_camera_to_factory_state() override;
@@ -109,6 +137,9 @@ class KSUVCCamera : public KSCamera {
     // Prints the location block and a message to standard output.
     void report(int line, const char* function, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
+    // Before the session may restart its stream: the images handed out and
+    // the size and geometry learnt belong to the old stream.
+    void forget_stream();
 
     std::recursive_mutex m_mutex;
     _KestraStereoCamSDK_Impl m_session;
