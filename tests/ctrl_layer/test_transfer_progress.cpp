@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "ctrl_layer_fixture.h"
-#include "ks_asic_iic_ctrl/source/ks_iic_image_transfer.h"
 #include "ksStereoCameraDriver.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_image_transfer.h"
 
 using namespace ctrltest;
 
@@ -115,8 +115,9 @@ TEST_F(TransferProgress, EepromTransfersReportPagesAndTheSlotSwitchIsAStep) {
     // The effective EPR from a file: its padded bytes, then the power cycle.
     ks_test::write_file(dir_ / "effective.epr", std::string(image.begin(), image.end()));
     EXPECT_EQ(0, quietly([&] {
-        return ks_upload_epr_to_effective_eeprom(&ctrl_, (dir_ / "effective.epr").c_str());
-    }));
+                  return ks_upload_epr_to_effective_eeprom(&ctrl_,
+                                                           (dir_ / "effective.epr").c_str());
+              }));
     std::vector<Report> effective = take();
     ASSERT_FALSE(effective.empty());
     const Report restart = effective.back();
