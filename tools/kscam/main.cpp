@@ -254,91 +254,98 @@ int main(int argc, char** argv) {
     calibrate->require_subcommand(1);
     std::string calibration_dir;
     int calibration_slot = 0;
-    Action* import = command(calibrate, "import",
-                             "import a calibration station's folder (one .epr, one .log) into a "
-                             "slot");
-    import->app->add_option("dir", calibration_dir, "calibration folder")->required();
-    import->app->add_option("slot", calibration_slot, "slot 0..7")->required();
-    import->validate = [&] { validate_slot(calibration_slot);
-    validate_calibration_dir(calibration_dir);
-};
-import->run = [&](Host & host) { Camera camera(host, g.camera);
-return cmd_calibrate_import(camera, calibration_dir, calibration_slot);
-}
-;
+    Action* calibration =
+        command(calibrate, "import",
+                "import a calibration station's folder (one .epr, one .log) into a "
+                "slot");
+    calibration->app->add_option("dir", calibration_dir, "calibration folder")->required();
+    calibration->app->add_option("slot", calibration_slot, "slot 0..7")->required();
+    calibration->validate = [&] {
+        validate_slot(calibration_slot);
+        validate_calibration_dir(calibration_dir);
+    };
+    calibration->run = [&](Host& host) {
+        Camera camera(host, g.camera);
+        return cmd_calibrate_import(camera, calibration_dir, calibration_slot);
+    };
 
-// fpga upload
-CLI::App* fpga = app.add_subcommand("fpga", "the FPGA's bitstream");
-fpga->require_subcommand(1);
-std::string bitstream;
-Action* fpga_upload = command(fpga, "upload", "write a bitstream file into the camera's flash");
-fpga_upload->app->add_option("file", bitstream, "bitstream file")->required();
-fpga_upload->validate = [&bitstream] { validate_bitstream(bitstream); };
-fpga_upload->run = [&](Host& host) {
-    Camera camera(host, g.camera);
-    return cmd_fpga_upload(camera, bitstream);
-};
+    // fpga upload
+    CLI::App* fpga = app.add_subcommand("fpga", "the FPGA's bitstream");
+    fpga->require_subcommand(1);
+    std::string bitstream;
+    Action* fpga_upload = command(fpga, "upload", "write a bitstream file into the camera's flash");
+    fpga_upload->app->add_option("file", bitstream, "bitstream file")->required();
+    fpga_upload->validate = [&bitstream] { validate_bitstream(bitstream); };
+    fpga_upload->run = [&](Host& host) {
+        Camera camera(host, g.camera);
+        return cmd_fpga_upload(camera, bitstream);
+    };
 
-// reset-factory
-bool yes = false;
-Action* reset =
-    command(&app, "reset-factory", "erase the camera's stored settings and effective EPR");
-reset->app->add_flag("-y,--yes", yes, "do not ask for confirmation");
-reset->validate = [&yes] { validate_confirmation(yes); };
-reset->run = [&](Host& host) {
-    Camera camera(host, g.camera);
-    return cmd_reset_factory(camera, yes);
-};
+    // reset-factory
+    bool yes = false;
+    Action* reset =
+        command(&app, "reset-factory", "erase the camera's stored settings and effective EPR");
+    reset->app->add_flag("-y,--yes", yes, "do not ask for confirmation");
+    reset->validate = [&yes] { validate_confirmation(yes); };
+    reset->run = [&](Host& host) {
+        Camera camera(host, g.camera);
+        return cmd_reset_factory(camera, yes);
+    };
 
-// imu
-double imu_seconds = 2;
-unsigned imu_count = 0;
-Action* imu = command(&app, "imu", "print IMU samples with the id of their video frame");
-imu->app->add_option("-t,--duration", imu_seconds, "seconds (default 2)")
-    ->check(CLI::Range(0.01, 86400.0));
-imu->app->add_option("-n,--count", imu_count, "stop after this many samples")
-    ->check(CLI::Range(1u, 10000000u));
-imu->run = [&](Host& host) {
-    Camera camera(host, g.camera);
-    return cmd_imu(camera, imu_seconds, imu_count);
-};
+    // imu
+    double imu_seconds = 2;
+    unsigned imu_count = 0;
+    Action* imu = command(&app, "imu", "print IMU samples with the id of their video frame");
+    imu->app->add_option("-t,--duration", imu_seconds, "seconds (default 2)")
+        ->check(CLI::Range(0.01, 86400.0));
+    imu->app->add_option("-n,--count", imu_count, "stop after this many samples")
+        ->check(CLI::Range(1u, 10000000u));
+    imu->run = [&](Host& host) {
+        Camera camera(host, g.camera);
+        return cmd_imu(camera, imu_seconds, imu_count);
+    };
 
-// --version answers without a subcommand.
-for (int i = 1; i < argc; ++i) {
-    if (std::string(argv[i]) == "--version") {
-        std::printf("kscam, libksStereoCameraDriver %s\n", ksGetSdkVersion());
-        return kExitOk;
+    // --version answers without a subcommand.
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--version") {
+            std::printf("kscam, libksStereoCameraDriver %s\n", ksGetSdkVersion());
+            return kExitOk;
+        }
     }
-}
-try {
-    app.parse(argc, argv);
-} catch (const CLI::CallForHelp& e) {
-    return app.exit(e);
-} catch (const CLI::CallForAllHelp& e) {
-    return app.exit(e);
-} catch (const CLI::ParseError& e) {
-    return usage_error(reached(&app), e.what());
-}
-if (chosen == nullptr) return usage_error(reached(&app), "a subcommand is required");
-for (CLI::Option* o : {scene, distance, cameras, serials, warp})
-    if (o->count() > 0) g.sim.requested = true;
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        // A word that is no subcommand shows up as a missing one: name it.
+        const CLI::App* where = reached(&app);
+        const std::vector<std::string> left = where->remaining();
+        if (!left.empty() && !where->get_subcommands({}).empty())
+            return usage_error(where, "no subcommand \"" + left.front() + "\"");
+        return usage_error(where, e.what());
+    }
+    if (chosen == nullptr) return usage_error(reached(&app), "a subcommand is required");
+    for (CLI::Option* o : {scene, distance, cameras, serials, warp})
+        if (o->count() > 0) g.sim.requested = true;
 
-try {
-    chosen->validate();
-} catch (const UsageError& e) {
-    return usage_error(chosen->app, e.what());
-}
+    try {
+        chosen->validate();
+    } catch (const UsageError& e) {
+        return usage_error(chosen->app, e.what());
+    }
 
-const int level = log_level_of(g);
-if (level >= 0) ksOpenSDKLog(level);
-separate_library_output();
-try {
-    Host host(g, chosen->json);
-    return chosen->run(host);
-} catch (const UsageError& e) {
-    return usage_error(chosen->app, e.what());
-} catch (const std::exception& e) {
-    note("error: %s", e.what());
-    return kExitCamera;
-}
+    const int level = log_level_of(g);
+    if (level >= 0) ksOpenSDKLog(level);
+    separate_library_output();
+    try {
+        Host host(g, chosen->json);
+        return chosen->run(host);
+    } catch (const UsageError& e) {
+        return usage_error(chosen->app, e.what());
+    } catch (const std::exception& e) {
+        note("error: %s", e.what());
+        return kExitCamera;
+    }
 }
