@@ -18,6 +18,7 @@ void validate_get(const std::vector<std::string>& names);
 int cmd_get(Camera& camera, const std::vector<std::string>& names, bool json);
 struct SetStep {
     std::string name;
+    std::string value;  // as given
     std::function<void(KSCameraAbstract*)> apply;
     std::function<Json(KSCameraAbstract*)> read_back;  // null: write-only
 };

@@ -138,10 +138,10 @@ std::vector<CameraEntry> query_cameras() {
 // ---- the host ----
 
 Host::Host(const GlobalOptions& options, bool json) : sim_(options.sim) {
-    std::string why = "as asked";
+    std::string why;
     if (!sim_.requested) {
         if (!query_cameras().empty()) return;
-        why = "no camera attached";
+        why = "no camera attached: ";
     }
     kssim_scene_kind kind = KSSIM_SCENE_ROOM;
     for (const SceneName& s : kScenes)
@@ -168,7 +168,7 @@ Host::Host(const GlobalOptions& options, bool json) : sim_(options.sim) {
         world_ = nullptr;
         throw CameraError("the virtual camera could not be installed");
     }
-    const std::string line = "kscam: " + why + ": running on the " + description();
+    const std::string line = "kscam: " + why + "running on the " + description();
     if (json)
         std::fprintf(stderr, "%s\n", line.c_str());
     else

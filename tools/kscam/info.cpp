@@ -134,13 +134,15 @@ int cmd_info(Camera& camera, bool json) {
         stereo["bxf"] = nullptr;
         stereo["baseline_mm"] = nullptr;
     }
+    // The optical centre is stored with a calibration import; the focal
+    // length follows from the stereo constants either way.
     float focal = 0, cx = 0, cy = 0;
     if (ksGetRectifyCamParam(h, &focal, &cx, &cy) == 0) {
         stereo["focal_px"] = rounded(focal, 3);
         stereo["cx"] = rounded(cx, 3);
         stereo["cy"] = rounded(cy, 3);
     } else {
-        stereo["focal_px"] = nullptr;
+        stereo["focal_px"] = base > 0 ? Json(rounded(bxf / base, 3)) : Json();
         stereo["cx"] = nullptr;
         stereo["cy"] = nullptr;
     }
@@ -194,8 +196,11 @@ int cmd_info(Camera& camera, bool json) {
         show(stereo["bxf"]).c_str());
     say("  baseline               %s mm\n", show(stereo["baseline_mm"]).c_str());
     say("  focal length           %s px (rectified)\n", show(stereo["focal_px"]).c_str());
-    say("  optical centre         %s, %s px (rectified)\n", show(stereo["cx"]).c_str(),
-        show(stereo["cy"]).c_str());
+    if (stereo["cx"].is_null())
+        say("  optical centre         not stored in the camera (see calibrate import)\n");
+    else
+        say("  optical centre         %s, %s px (rectified)\n", show(stereo["cx"]).c_str(),
+            show(stereo["cy"]).c_str());
     say("Settings\n");
     for (const auto& item : j["settings"].items())
         say("  %-22s %s\n", item.key().c_str(), show(item.value()).c_str());

@@ -7,6 +7,8 @@
 #include <exception>
 #include <mutex>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "tools/kscam/kscam.h"
 
@@ -22,12 +24,18 @@ struct Reported {
     uint64_t total = 0;
     uint64_t since_us = 0;  // camera time when `what` began
     Host* host = nullptr;
+    // Every step in the order reported, with its size (0: none), so that a
+    // log shows each one however quickly it passed.
+    std::vector<std::pair<std::string, uint64_t>> steps;
 };
 
 void on_progress(const char* what, uint64_t done, uint64_t total, void* user) {
     Reported* r = static_cast<Reported*>(user);
     std::lock_guard<std::mutex> lock(r->mutex);
-    if (r->what != what || r->total != total) r->since_us = r->host->now_us();
+    if (r->what != what || r->total != total) {
+        r->since_us = r->host->now_us();
+        r->steps.emplace_back(what, total);
+    }
     r->what = what;
     r->done = done;
     r->total = total;
@@ -80,8 +88,26 @@ int run_with_progress(Host& host, const std::string& label, double expected_seco
     });
 
     const bool terminal = out_is_terminal();
-    std::string last_what = "-";
-    for (int tick = 0; !finished.load(std::memory_order_acquire); ++tick) {
+    size_t logged = 0;  // steps written to a log so far
+    auto log_steps = [&] {
+        std::lock_guard<std::mutex> lock(reported.mutex);
+        for (; logged < reported.steps.size(); ++logged) {
+            const auto& step = reported.steps[logged];
+            if (step.second > 0)
+                say("%s: %s (%s)\n", label.c_str(), step.first.c_str(),
+                    bytes_text(step.second).c_str());
+            else
+                say("%s: %s\n", label.c_str(), step.first.c_str());
+        }
+    };
+    if (!terminal) say("%s ...\n", label.c_str());
+    while (!finished.load(std::memory_order_acquire)) {
+        if (!terminal) {
+            // A log, not an animation: one line per step.
+            log_steps();
+            usleep(100000);
+            continue;
+        }
         std::string what;
         uint64_t done, total, since;
         {
@@ -109,18 +135,12 @@ int run_with_progress(Host& host, const std::string& label, double expected_seco
             std::snprintf(text, sizeof text, " %.1f s", elapsed);
             line += bouncing(elapsed, 30) + text;
         }
-        if (terminal) {
-            say("\r\033[K%s", line.c_str());
-        } else if (what != last_what) {
-            // A log, not an animation: one line per step.
-            say("%s\n", line.c_str());
-            last_what = what;
-        }
-        (void)tick;
+        say("\r\033[K%s", line.c_str());
         usleep(100000);
     }
     worker.join();
     ksSetProgressCallback(nullptr, nullptr);
+    if (!terminal) log_steps();
     const double elapsed = (host.now_us() - start) / 1e6;
     if (terminal) say("\r\033[K");
     if (error) std::rethrow_exception(error);

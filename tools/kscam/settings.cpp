@@ -72,12 +72,8 @@ Json get_stream_config(KSCameraAbstract* h) {
 
 const std::vector<Setting>& settings() {
     static const std::vector<Setting> table = {
-        {"exposure", "0..800 (0: automatic)",
-         [](KSCameraAbstract* h) {
-             unsigned short v = 0;
-             check(ksGetExposure(h, &v), "reading the exposure");
-             return Json(v);
-         },
+        // The camera cannot report its exposure: write-only.
+        {"exposure", "0..800 (0: automatic)", nullptr,
          [](const std::string& text) -> Apply {
              const auto v = static_cast<unsigned short>(parse_integer("exposure", text, 0, 800));
              return
@@ -88,10 +84,16 @@ const std::vector<Setting>& settings() {
              const auto v = static_cast<unsigned short>(parse_integer("gain", text, 0, 255));
              return [v](KSCameraAbstract* h) { check(ksSetCameraGain(h, v), "setting the gain"); };
          }},
-        {"fps", "1..30, or default",
+        {"fps", "1..30, or default (read: the rate measured over the last frames)",
          [](KSCameraAbstract* h) {
+             // The library measures the rate once 51 frames went by.
              double fps = 0;
-             check(ksGetRealTimeFPS(h, &fps), "reading the frame rate");
+             for (int i = 0; i < 80 && ksGetRealTimeFPS(h, &fps) != 0; ++i) {
+                 unsigned long id = 0;
+                 unsigned char* frame = nullptr;
+                 ksGetCurrentFrame(h, &id, &frame);
+             }
+             check(ksGetRealTimeFPS(h, &fps), "measuring the frame rate");
              return Json(std::round(fps * 100) / 100);
          },
          [](const std::string& text) -> Apply {
@@ -337,7 +339,9 @@ std::vector<SetStep> plan_settings(const std::vector<std::string>& args) {
     for (const auto& a : assignments) {
         const Setting& s = find_setting(a.first);
         if (!s.set) throw UsageError(a.first + " is read only");
-        steps.push_back({s.name, s.set(a.second), s.get});
+        // A rate measured right after a change would still be the old one.
+        const bool read_back = s.get && std::string(s.name) != "fps";
+        steps.push_back({s.name, a.second, s.set(a.second), read_back ? s.get : nullptr});
     }
     return steps;
 }
@@ -345,12 +349,13 @@ std::vector<SetStep> plan_settings(const std::vector<std::string>& args) {
 int cmd_set(Camera& camera, const std::vector<SetStep>& steps) {
     for (const SetStep& step : steps) {
         step.apply(camera.handle());
-        std::string shown = "set";
+        // What the camera reports afterwards, else the value given.
+        std::string shown = step.value;
         if (step.read_back) {
             try {
                 shown = plain(step.read_back(camera.handle()));
             } catch (const CameraError&) {
-                shown = "set (cannot be read back)";
+                shown += " (not read back)";
             }
         }
         say("%s: %s\n", step.name.c_str(), shown.c_str());
