@@ -107,7 +107,7 @@ void prepare_stream(Camera& camera, const std::string& mode_name, int slot, doub
         check(ksQuerySupportedVideoParam(h, &list, &count), "listing the stream configurations");
         // Selecting a slot power-cycles the camera's stereo chip.
         const int r =
-            run_with_progress(camera.host(), "Selecting slot " + std::to_string(slot), 12,
+            run_with_progress(camera.host(), "Selecting slot " + std::to_string(slot), 20,
                               [&] { return ksSetVideoParam(h, static_cast<unsigned char>(slot)); });
         check(r, "selecting stream configuration " + std::to_string(slot));
     }

@@ -22,8 +22,9 @@ constexpr uintmax_t kMaxEprFile = 4095;
 // (0x3D000 .. 0x65000), padding included.
 constexpr uintmax_t kMaxBitstream = 0x65000 - 0x3D000 - 4096;
 constexpr int kMaxSlot = 7;
-// A power cycle of the stereo chip, with the EEPROM update around it.
-constexpr double kPowerCycleSeconds = 12;
+// A slot switch: stream stop, EEPROM update, an 11-second power cycle of the
+// stereo chip and the checks and stream start after it.
+constexpr double kPowerCycleSeconds = 20;
 
 void checked_file(const std::string& path, uintmax_t max, const char* what) {
     std::error_code ec;

@@ -77,6 +77,16 @@ int cmd_stream(Camera& camera, const StreamOptions& options) {
         arrivals.push_back(at);
         while (!arrivals.empty() && at - arrivals.front() > 1000000) arrivals.pop_front();
 
+        // The status line: redrawn on a terminal, once a second otherwise.
+        // Images are cut only for it, so that the loop keeps up with the
+        // camera.
+        const bool due_terminal = terminal && (at - last_real_redraw >= 100000 * host.warp());
+        const bool due_log = !terminal && at - last_status >= 1000000;
+        const bool due = (due_terminal || due_log) && !options.quiet;
+        const bool sample = due || frames == 1 || (options.quiet && at - last_status >= 250000);
+        if (!sample) continue;
+        last_real_redraw = at;
+        last_status = at;
         if (has_disparity && !images_failed) {
             FrameImages images;
             if (read_rgbd(h, src, geometry, &images) == 0) {
@@ -95,12 +105,7 @@ int cmd_stream(Camera& camera, const StreamOptions& options) {
             }
         }
 
-        // The status line: redrawn on a terminal, once a second otherwise.
-        const bool due_terminal = terminal && (at - last_real_redraw >= 100000 * host.warp());
-        const bool due_log = !terminal && at - last_status >= 1000000;
-        if (options.quiet || !(due_terminal || due_log)) continue;
-        last_real_redraw = at;
-        last_status = at;
+        if (!due) continue;
         double realtime = 0;
         ksGetRealTimeFPS(h, &realtime);
         char age[32] = "-";
