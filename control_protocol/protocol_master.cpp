@@ -20,6 +20,8 @@ _struct_protocol_message* const pGMsg = &gMsg;
 _struct_protocol_functions pGFuncs = {default_send_data, default_receive_data,
                                       default_get_current_timestamp};
 uint32_t gMsgId = 0;
+thread_local protocol_flash_progress_fn tFlashProgress = nullptr;
+thread_local void* tFlashProgressUser = nullptr;
 
 // The 17 'x' that open the diagnostic payload, padded to 32 bytes.
 const unsigned char kNakedPayload[32] = {'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x',
@@ -307,9 +309,16 @@ int protocol_write_flash_data(unsigned int addr, const unsigned char* data, unsi
              page += PROTOCOL_FLASH_PAGE_SIZE) {
             if (protocol_flash_write_page(addr + sector + page, data + sector + page) != 0)
                 return -1;
+            if (tFlashProgress != nullptr)
+                tFlashProgress(sector + page + PROTOCOL_FLASH_PAGE_SIZE, len, tFlashProgressUser);
         }
     }
     return 0;
+}
+
+void protocol_set_flash_progress(protocol_flash_progress_fn fn, void* user) {
+    tFlashProgress = fn;
+    tFlashProgressUser = user;
 }
 
 int protocol_read_flash_data(unsigned int addr, unsigned char* data, unsigned int len) {

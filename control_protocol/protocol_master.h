@@ -162,6 +162,11 @@ KS_API int protocol_get_reset_count(unsigned int* count);
 // The first failure returns -1 (sectors already written stay written).
 KS_API int protocol_write_flash_data(unsigned int addr, const unsigned char* data,
                                      unsigned int len);
+// Observer of the calling thread's multi-page flash writes: called after each
+// page written with the bytes written so far and len; null turns it off.
+// Per thread, because the exchange runs on the caller's thread.
+typedef void (*protocol_flash_progress_fn)(unsigned int written, unsigned int total, void* user);
+KS_API void protocol_set_flash_progress(protocol_flash_progress_fn fn, void* user);
 KS_API int protocol_read_flash_data(unsigned int addr, unsigned char* data, unsigned int len);
 
 // Diagnostic pair. With build 1 a fresh version request is built (length 0,

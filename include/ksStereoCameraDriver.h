@@ -323,6 +323,19 @@ KS_API int ksPrintCameraList(_ks_camera_list* list);
 KS_API void ksOpenSDKLog(int level);
 KS_API void ksCloseSDKLog(void);
 
+/* ---- progress of long transfers ----
+ * The callback is called on the calling thread while an EPR image or the
+ * FPGA bitstream is written to the camera (ksUploadEprFile,
+ * ksStoreEprFile..., ksUploadFpgaBitFile, ksUploadCameraEprForAutoCalibration)
+ * or the effective EPR is read back (ksBackUpEffectiveEprFile): `what` names
+ * the step (valid during the call only), `done` and `total` count its bytes,
+ * from done 0 to done == total when the step completes. total 0 marks a step
+ * without a byte count, such as the switch to another EPR slot with its power
+ * cycle. One callback per process; null turns it off. Nothing else changes
+ * in what those functions do. */
+typedef void (*ks_progress_callback)(const char* what, uint64_t done, uint64_t total, void* user);
+KS_API void ksSetProgressCallback(ks_progress_callback callback, void* user);
+
 /* ---- frame metadata ---- */
 KS_API int ksInitMetaDataSHM(void);
 KS_API int ksReleaseMetaDataSHM(void);

@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, when some are missing and we
 # run as root. Safe to run again: it does nothing when everything is there.
-# The client programs (v4l-utils, ffmpeg) that test the simulated video node
+# The client programs that test the simulated video node and kscam's files
 # from outside are installed too; without root they are only reported, and
 # their tests skip.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ gcc pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev)
-clients=(v4l-utils ffmpeg)
+# The build and its tests, and kscam's libraries (CLI11, libpng, nlohmann-json).
+packages=(cmake ninja-build g++ gcc pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
+          libcli11-dev libpng-dev nlohmann-json3-dev)
+# Programs nobody here wrote that the client tests run: V4L2 clients on the
+# simulated node; ImageMagick, Python and Open3D reading kscam's files.
+clients=(v4l-utils ffmpeg imagemagick python3 python3-open3d)
 
 missing_from() {
   for p in "$@"; do

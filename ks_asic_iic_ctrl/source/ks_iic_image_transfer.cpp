@@ -7,11 +7,59 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
+#include "control_protocol/protocol_master.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_app_private.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_asic_control.h"
 
 namespace {
+
+// The process-wide observer; a transfer takes a copy when it starts.
+std::mutex gProgressMutex;
+ks_transfer_progress_fn gProgressFn = nullptr;
+void* gProgressUser = nullptr;
+
+// Progress of one transfer, reported to the observer in force at its start.
+// EEPROM bytes are reported once per 64-byte page and at the end.
+class Progress {
+  public:
+    Progress(const char* what, uint64_t total) : total_(total) {
+        {
+            std::lock_guard<std::mutex> lock(gProgressMutex);
+            fn_ = gProgressFn;
+            user_ = gProgressUser;
+        }
+        std::snprintf(what_, sizeof what_, "%s", what);
+        report(0);
+    }
+    void report(uint64_t done) {
+        if (fn_ != nullptr) fn_(what_, done, total_, user_);
+    }
+    void byte_done(uint64_t done) {
+        if (done % 64 == 0 || done == total_) report(done);
+    }
+    // Pages written to flash by this thread, until the object goes.
+    void watch_flash_pages() {
+        protocol_set_flash_progress(&Progress::on_flash_page, this);
+        watching_ = true;
+    }
+    ~Progress() {
+        if (watching_) protocol_set_flash_progress(nullptr, nullptr);
+    }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+  private:
+    static void on_flash_page(unsigned int written, unsigned int, void* self) {
+        static_cast<Progress*>(self)->report(written);
+    }
+    ks_transfer_progress_fn fn_ = nullptr;
+    void* user_ = nullptr;
+    uint64_t total_;
+    bool watching_ = false;
+    char what_[64];
+};
 
 // The EEPROM is addressed with 16 bits: an upload to the effective area
 // stops at the end of that space instead of wrapping onto its own start.
@@ -30,6 +78,8 @@ int download_epr(_struct_ks_ctrl_device* handle, unsigned int addr, unsigned cha
     *buffer = nullptr;
     unsigned char* data = static_cast<unsigned char*>(std::calloc(KS_EEPROM_EPR_SIZE, 1));
     if (data == nullptr) return -2;
+    Progress progress(addr == 0 ? "reading the effective EPR" : "reading an EEPROM EPR slot",
+                      KS_EEPROM_EPR_SIZE);
     for (unsigned int i = 0; i < KS_EEPROM_EPR_SIZE; ++i) {
         uint16_t value = 0;
         if (ks_eeprom_read(handle, addr + i, &value) != 0) {
@@ -41,6 +91,7 @@ int download_epr(_struct_ks_ctrl_device* handle, unsigned int addr, unsigned cha
             return -2;
         }
         data[i] = static_cast<unsigned char>(value);
+        progress.byte_done(i + 1);
     }
     *buffer = data;
     return 0;
@@ -49,6 +100,12 @@ int download_epr(_struct_ks_ctrl_device* handle, unsigned int addr, unsigned cha
 }  // namespace
 
 extern "C" {
+
+void ks_set_transfer_progress(ks_transfer_progress_fn fn, void* user) {
+    std::lock_guard<std::mutex> lock(gProgressMutex);
+    gProgressFn = fn;
+    gProgressUser = user;
+}
 
 // ---- files ----
 
@@ -125,7 +182,14 @@ int ks_upload_epr_parameter(_struct_ks_ctrl_device* handle, const char* path, ui
         return read;
     }
     KS_APP_INFO("Load para: %s\n,data size %d\n", path, static_cast<int>(length));
-    const int ret = static_cast<int>(ks_send_asic_epr_to_usb_flash(handle, slot, data, length));
+    char what[64];
+    std::snprintf(what, sizeof what, "writing EPR to flash slot %d", slot);
+    int ret;
+    {
+        Progress progress(what, length);
+        progress.watch_flash_pages();
+        ret = static_cast<int>(ks_send_asic_epr_to_usb_flash(handle, slot, data, length));
+    }
     release_binary_data(&data);
     return ret;
 }
@@ -140,7 +204,12 @@ int ks_send_FPGA_bit(_struct_ks_ctrl_device* handle, const char* path) {
         return read;
     }
     KS_APP_DEBUG("Load FPGA bit %s,size %d\n", path, static_cast<int>(length));
-    const int ret = static_cast<int>(ks_kernel_send_fpga_bit(handle, data, length));
+    int ret;
+    {
+        Progress progress("writing the FPGA bitstream to flash", length);
+        progress.watch_flash_pages();
+        ret = static_cast<int>(ks_kernel_send_fpga_bit(handle, data, length));
+    }
     release_binary_data(&data);
     return ret;
 }
@@ -158,11 +227,15 @@ int ks_upload_asic_epr_to_eeprom(_struct_ks_ctrl_device* handle, uint8_t slot,
     if (size == 0) return 0;
     if (data == nullptr) return -1;
     const unsigned int base = eeprom_slot_address(slot);
+    char what[64];
+    std::snprintf(what, sizeof what, "writing EPR to EEPROM slot %d", slot);
+    Progress progress(what, size);
     for (uint32_t i = 0; i < size; ++i) {
         if (ks_eeprom_write(handle, base + i, data[i]) != 0) {
             KS_APP_ERROR("Write epr file error. idx[i]\n");
             return -2;
         }
+        progress.byte_done(i + 1);
     }
     return 0;
 }
@@ -204,7 +277,14 @@ int ks_upload_epr_to_effective_eeprom(_struct_ks_ctrl_device* handle, const char
     // The whole padded image, failures ignored: a long file runs on past the
     // effective area into the slots.
     const uint32_t count = length < kEepromAddressSpace ? length : kEepromAddressSpace;
-    for (uint32_t i = 0; i < count; ++i) ks_eeprom_write(handle, i, data[i]);
+    {
+        Progress progress("writing the effective EPR to the EEPROM", count);
+        for (uint32_t i = 0; i < count; ++i) {
+            ks_eeprom_write(handle, i, data[i]);
+            progress.byte_done(i + 1);
+        }
+    }
+    Progress("restarting the camera", 0);
     ks_camera_hardware_bringup(handle);
     const int ret = ks_nuvex_epr_status_check(handle);
     ks_asic_control_post(handle);
@@ -216,6 +296,9 @@ int ks_upload_epr_to_effective_eeprom(_struct_ks_ctrl_device* handle, const char
 
 int ks_select_asic_epr_from_usb_flash(_struct_ks_ctrl_device* handle, uint8_t slot) {
     if (handle == nullptr) return -1;
+    char what[64];
+    std::snprintf(what, sizeof what, "switching to flash EPR slot %d", slot);
+    Progress(what, 0);
     ks_camera_hardware_shutdown(handle);
     ks_select_eeprom_from_usb_flash(handle, slot);
     KS_APP_DEBUG("【FPGA status ready】\n");

@@ -22,6 +22,16 @@
 
 KS_BEGIN_DECLS
 
+/* Observer of the long transfers below, called on the transferring thread:
+ * what names the transfer, done and total count its bytes (pages as they are
+ * written to flash, bytes to and from the EEPROM), from done 0 to done ==
+ * total when it completes. total 0 marks a step without a byte count (the
+ * switch to a flash slot with its power cycle). One per process; null turns
+ * it off. */
+typedef void (*ks_transfer_progress_fn)(const char* what, uint64_t done, uint64_t total,
+                                        void* user);
+KS_API void ks_set_transfer_progress(ks_transfer_progress_fn fn, void* user);
+
 /* Reads a whole file into a new padded buffer: 0, -2 (short read, or the
  * buffer cannot be had; a buffer already handed out stays with the caller)
  * or -3 (cannot open). Release the buffer with release_binary_data. */

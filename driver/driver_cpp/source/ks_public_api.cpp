@@ -10,6 +10,7 @@
 #include "driver/driver_cpp/source/KSCameraFactory.h"
 #include "driver/driver_cpp/source/KSUVCCameraFactory.h"
 #include "ksAsicSdk/source/deviceDetectHelper.h"
+#include "ks_asic_iic_ctrl/source/ks_iic_image_transfer.h"
 #include "ks_v4l2_driver/source/ks_v4l2_meta_shm.h"
 
 namespace {
@@ -670,6 +671,12 @@ void ksOpenSDKLog(int level) {
 
 void ksCloseSDKLog(void) {
     log_set_quiet(1);
+}
+
+// ---- progress of long transfers ----
+
+void ksSetProgressCallback(ks_progress_callback callback, void* user) {
+    ks_set_transfer_progress(callback, user);
 }
 
 // ---- frame metadata ----
