@@ -230,9 +230,6 @@ typedef enum kssim_fault_kind {
     KSSIM_FAULT_G_FMT_FAIL = 6,      /* VIDIOC_G_FMT fails with errno value (default EIO) */
     KSSIM_FAULT_OTHER_PIXFMT = 7,    /* S_FMT/G_FMT report fourcc value (default YUYV) */
     KSSIM_FAULT_QUERYCAP_FAIL = 8,   /* VIDIOC_QUERYCAP fails with errno value (default EIO) */
-    /* KSSIM_FAULT_LATE_FRAME (28, below): frames arrive value bytes late (1
-     * or 2, default 1): value zero bytes, then the frame (its marker at byte
-     * value), its last value bytes cut; count: frames. */
 
     /* Control path. "count" counts the events named in each line; a fault
      * with count and duration 0 lasts until cleared. A replug clears every
@@ -303,6 +300,9 @@ typedef enum kssim_fault_kind {
     KSSIM_FAULT_IMU_SKIP = 25,
     KSSIM_FAULT_FLASH_WRITE_FAIL = 26,
     KSSIM_FAULT_SLOW_EEPROM_UPDATE = 27,
+    /* Frames arrive value bytes late (1 or 2, default 1): value zero bytes,
+     * then the frame (its marker at byte value), its last value bytes cut;
+     * count: frames. */
     KSSIM_FAULT_LATE_FRAME = 28,
     KSSIM_FAULT_KIND_COUNT = 29
 } kssim_fault_kind;
@@ -494,7 +494,7 @@ typedef enum kssim_direction { KSSIM_REQUEST = 0, KSSIM_REPLY = 1 } kssim_direct
 
 typedef struct kssim_message {
     kssim_direction direction;
-    uint64_t time_us; /* virtual CLOCK_MONOTONIC */
+    uint64_t time_us; /* virtual CLOCK_MONOTONIC when it arrived or was read */
     /* header words as on the wire (command with the reply flag as sent) */
     uint32_t tag, id, timestamp, reserved, command, parameter, length, checksum;
     uint32_t data_length; /* bytes in data: length, at most 288 (what a block holds) */
