@@ -672,8 +672,8 @@ void* Camera::map(OpenFile& f, void* addr, size_t length, int prot, int flags, o
 // Our cameras send what the ASIC outputs, whatever the node's format (a
 // frame that does not fit the buffers arrives cut or short); a webcam sends
 // the format set.
-FrameSpec Camera::frame_spec() const {
-    FrameSpec f;
+FrameParams Camera::frame_params() const {
+    FrameParams f;
     f.scene = cfg_.scene;
     f.width = kind_ == Kind::Stereo ? output_size_.width : width_;
     f.height = kind_ == Kind::Stereo ? output_size_.height : height_;
@@ -688,13 +688,14 @@ FrameSpec Camera::frame_spec() const {
 
 std::shared_ptr<const SourceFrame> Camera::frame_source(std::unique_lock<std::mutex>& lk) {
     if (frame_ != nullptr) return frame_;
-    const FrameSpec spec = frame_spec();
+    const FrameParams params = frame_params();
     const Kind kind = kind_;
     lk.unlock();  // rendering can take a while; it is cached by the world
-    std::shared_ptr<const SourceFrame> fr =
-        kind == Kind::Webcam ? flat_yuyv_frame(spec.width, spec.height) : world_.frames().get(spec);
+    std::shared_ptr<const SourceFrame> fr = kind == Kind::Webcam
+                                                ? flat_yuyv_frame(params.width, params.height)
+                                                : world_.frames().get(params);
     lk.lock();
-    if (spec == frame_spec()) frame_ = fr;  // keep it only if nothing changed meanwhile
+    if (params == frame_params()) frame_ = fr;  // keep it only if nothing changed meanwhile
     return fr;
 }
 
@@ -799,9 +800,9 @@ void Camera::emit_frame(std::unique_lock<std::mutex>& lk, int64_t due_ns) {
 long Camera::produce_frame(uint8_t* dst, size_t size) {
     std::lock_guard<std::mutex> ctl(ctl_mu_);
     std::unique_lock<std::mutex> lk(mu_);
-    const FrameSpec spec = frame_spec();
+    const FrameParams params = frame_params();
     const size_t need =
-        static_cast<size_t>(spec.width) * static_cast<size_t>(spec.height) * bytes_per_pixel();
+        static_cast<size_t>(params.width) * static_cast<size_t>(params.height) * bytes_per_pixel();
     if (dst == nullptr || size < need) return -1;
     std::shared_ptr<const SourceFrame> src = frame_source(lk);
     const FrameStamp st = next_stamp();
@@ -914,12 +915,12 @@ void Camera::set_brightness(int eighths) {
 
 int Camera::true_distance(uint32_t x, uint32_t y, double* mm) {
     std::shared_ptr<const Scene> scene;
-    FrameSpec f;
+    FrameParams f;
     {
         std::lock_guard<std::mutex> lk(mu_);
         if (scene_ == nullptr) scene_ = std::make_shared<const Scene>(cfg_.scene);
         scene = scene_;
-        f = frame_spec();
+        f = frame_params();
     }
     if (mm == nullptr || x >= static_cast<uint32_t>(f.width) ||
         y >= static_cast<uint32_t>(f.height))

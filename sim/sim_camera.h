@@ -218,7 +218,7 @@ class Camera {
     };
     // Frame sizes the capture node offers.
     std::vector<kssim_frame_size> offered_sizes() const;  // caller holds mu_
-    FrameSpec frame_spec() const;                         // caller holds mu_
+    FrameParams frame_params() const;                     // caller holds mu_
     FrameStamp next_stamp();
     size_t write_frame(uint8_t* dst, size_t size, const SourceFrame& src, const FrameStamp& st,
                        uint64_t ts_us) const;

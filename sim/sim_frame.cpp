@@ -64,7 +64,7 @@ void write_statistics(uint8_t* frame, const uint16_t s[5]) {
 
 }  // namespace
 
-bool operator==(const FrameSpec& a, const FrameSpec& b) {
+bool operator==(const FrameParams& a, const FrameParams& b) {
     return std::memcmp(&a.scene, &b.scene, sizeof(a.scene)) == 0 && a.width == b.width &&
            a.height == b.height && a.bxf == b.bxf && a.baseline == b.baseline &&
            a.readout == b.readout && a.channel == b.channel && a.brightness == b.brightness &&

@@ -75,7 +75,7 @@ struct SourceFrame {
 };
 
 // Everything an encoded frame depends on.
-struct FrameSpec {
+struct FrameParams {
     kssim_scene scene{};
     int width = 0, height = 0;
     double bxf = 0, baseline = 0;
@@ -84,7 +84,7 @@ struct FrameSpec {
     int brightness = 0;
     int search_range = 0;
 };
-bool operator==(const FrameSpec& a, const FrameSpec& b);
+bool operator==(const FrameParams& a, const FrameParams& b);
 
 // Encodes one channel of a rendered view, with the static part of the
 // metadata line (markers, stereo constants, channel code, statistics). The

@@ -131,32 +131,32 @@ const ks_platform_ops kBackend = {
 
 // ---- frame cache ---------------------------------------------------------------------
 
-std::shared_ptr<const SourceFrame> FrameCache::get(const FrameSpec& spec) {
-    const kssim_scene s = Scene::normalized(spec.scene);
-    const Readout& r = spec.readout;
+std::shared_ptr<const SourceFrame> FrameCache::get(const FrameParams& params) {
+    const kssim_scene s = Scene::normalized(params.scene);
+    const Readout& r = params.readout;
     const ViewKey vk{static_cast<int>(s.kind),
                      s.distance_mm,
                      s.seed,
-                     spec.width,
-                     spec.height,
-                     spec.bxf,
-                     spec.baseline,
+                     params.width,
+                     params.height,
+                     params.bxf,
+                     params.baseline,
                      r.column[0],
                      r.column[1],
                      r.line[0],
                      r.line[1]};
-    const FrameKey fk{vk, spec.channel, spec.brightness, spec.search_range};
+    const FrameKey fk{vk, params.channel, params.brightness, params.search_range};
     std::lock_guard<std::mutex> lk(mu_);
     auto fit = frames_.find(fk);
     if (fit != frames_.end()) return fit->second;
     std::shared_ptr<SceneView>& view = views_[vk];
     if (view == nullptr)
-        view = render_view(Scene(s), spec.width, spec.height, spec.bxf, spec.baseline, r);
-    if (spec.channel != KSSIM_CHANNEL_RGBD && view->luma_b.empty())
+        view = render_view(Scene(s), params.width, params.height, params.bxf, params.baseline, r);
+    if (params.channel != KSSIM_CHANNEL_RGBD && view->luma_b.empty())
         render_sensor_b(Scene(s), *view);
     std::shared_ptr<const SourceFrame> frame =
-        encode_frame(*view, spec.channel, spec.brightness, spec.search_range);
-    if (spec.brightness != 0 && frames_.size() >= 32) {
+        encode_frame(*view, params.channel, params.brightness, params.search_range);
+    if (params.brightness != 0 && frames_.size() >= 32) {
         // Exposure sweeps would fill memory: forget the other scaled frames
         // (cameras keep the one they use).
         for (auto it = frames_.begin(); it != frames_.end();)

@@ -33,7 +33,7 @@ namespace kssim {
 // Rendered views and encoded frames, shared by every camera of a world.
 class FrameCache {
   public:
-    std::shared_ptr<const SourceFrame> get(const FrameSpec& spec);
+    std::shared_ptr<const SourceFrame> get(const FrameParams& params);
 
   private:
     using ViewKey =
