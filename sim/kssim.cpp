@@ -81,6 +81,8 @@ void kssim_camera_config_init(kssim_camera_config* cfg) {
     cfg->imu_records_per_reply = 10;
     cfg->imu_first_counter = 0;
     cfg->imu_seed = 1;
+    cfg->late_reply_share = 0.125;
+    cfg->late_reply_seed = 1;
 }
 
 kssim_world* kssim_world_create(void) {

@@ -29,7 +29,13 @@ extern "C" {
 typedef struct kssim_world kssim_world;
 typedef struct kssim_camera kssim_camera;
 
-/* Output channels of the stereo ASIC, as carried in the metadata line. */
+/* Output channels of the stereo ASIC, as carried in the metadata line.
+ * Image A is the right sensor's, image B the left one's; the disparity is
+ * A's: a point at column x of A lies at column x + disparity / 32 of B. The
+ * disparity of image pixel (x, y) travels in source line y + 3, column x on
+ * the processed channel, and in line y + 6, column x + 22 on the raw one
+ * (the host reads it there). Both send it minus 32 x the search range (ASIC
+ * register 0x42), and 0 where that is not within 1..4095. */
 enum {
     KSSIM_CHANNEL_ORIGIN_PAIR = 0x23,      /* two 12-bit sensor images */
     KSSIM_CHANNEL_RECTIFIED_PAIR = 0x76,   /* colour image A + 8-bit image B */
@@ -97,6 +103,8 @@ typedef struct kssim_camera_config {
     uint32_t imu_records_per_reply; /* most IMU records in one reply (1..16) */
     uint16_t imu_first_counter;     /* counter of the first IMU sample */
     uint32_t imu_seed;              /* noise seed of the IMU samples */
+    double late_reply_share;        /* share of replies ready only at the second read (0..1) */
+    uint32_t late_reply_seed;       /* seed of which replies those are */
 } kssim_camera_config;
 
 /* Defaults: serial "KS0000000001", card "KESTRA Stereo Camera", firmware
@@ -104,12 +112,18 @@ typedef struct kssim_camera_config {
  * at 30 fps, a wall at 1500 mm, bxf 35000, baseline 50, IMU present, first
  * frame id 1, RGBD channel, 8 buffers, single-planar, streaming, automatic
  * node number; PCB revision 2, IMU at 400 Hz with at most 10 records per
- * reply, first counter 0, seed 1.
+ * reply, first counter 0, seed 1; one reply in eight ready only at the
+ * second read, seed 1 (0: every reply at the first read).
  *
  * A firmware text beginning with "1022" makes the older controller firmware:
  * it powers the ASIC through GPIO 17 and does not know the ASIC reset-state
  * command (14). Any other text is a current firmware, which holds the ASIC in
  * reset or runs it with command 14 and leaves GPIO 17 alone.
+ *
+ * The capture node offers one frame size: that of the EPR the ASIC booted
+ * with (the initial size until the host changes the effective EPR and power
+ * cycles the ASIC); S_FMT adjusts any other size to it, and ENUM_FRAMESIZES
+ * and ENUM_FRAMEINTERVALS list it alone.
  *
  * A new camera's EEPROM holds a valid effective EPR for the initial size
  * (and the configured bxf and baseline), the stream descriptors of the EPR
@@ -185,11 +199,14 @@ double kssim_camera_frame_rate(kssim_camera* c);
 int kssim_camera_set_scene(kssim_camera* c, const kssim_scene* scene);
 
 /* Ground truth: depth in mm along the optical axis of the surface seen by
- * pixel (x, y) of image A at the camera's current output size (0 when no
- * surface is hit). 0, or -1 for a pixel outside the image. */
+ * pixel (x, y) of image A at the ASIC's output size, with its trim and line
+ * offset (0 when no surface is hit). The principal point lies at (width / 2,
+ * height / 2) in whole pixels. 0, or -1 for a pixel outside the image. */
 int kssim_camera_true_distance(kssim_camera* c, uint32_t x, uint32_t y, double* mm);
-/* The disparity the processed channel carries for that pixel (1/32 pixel
- * units, 0 for none): round(32 x bxf / distance) when within 1..4095. */
+/* The disparity of that pixel (1/32 pixel units): round(32 x bxf /
+ * distance), 0 when nothing is hit or it needs more than 13 bits. The
+ * processed channel sends it minus 32 x the search range (while the trims are
+ * equal). */
 int kssim_camera_true_disparity(kssim_camera* c, uint32_t x, uint32_t y, uint16_t* value);
 
 typedef struct kssim_camera_stats {
@@ -291,7 +308,11 @@ typedef enum kssim_fault_kind {
     KSSIM_FAULT_IMU_SKIP = 25,
     KSSIM_FAULT_FLASH_WRITE_FAIL = 26,
     KSSIM_FAULT_SLOW_EEPROM_UPDATE = 27,
-    KSSIM_FAULT_KIND_COUNT = 28
+    /* Frames arrive value bytes late (1 or 2, default 1): value zero bytes,
+     * then the frame (its marker at byte value), its last value bytes cut;
+     * count: frames. */
+    KSSIM_FAULT_LATE_FRAME = 28,
+    KSSIM_FAULT_KIND_COUNT = 29
 } kssim_fault_kind;
 
 /* The value of KSSIM_FAULT_EEPROM_NO_STICK that limits it to one address. */
@@ -313,10 +334,11 @@ int kssim_camera_fault_active(kssim_camera* c, kssim_fault_kind kind);
 
 /* ---- frames without streaming ---------------------------------------------- */
 
-/* Writes the camera's next source frame (current size and channel) into dst,
- * as the producer would, advancing the frame id; the bad-marker and
- * frozen-id faults apply (a stall does not). Returns the frame size in
- * bytes, or -1 when dst is null or smaller. Meant for tests and benchmarks. */
+/* Writes the camera's next source frame (the ASIC's output size and channel)
+ * into dst, as the producer would, advancing the frame id; the bad-marker,
+ * late-frame and frozen-id faults apply (a stall does not, nor does the
+ * ASIC's state). Returns the frame size in bytes, or -1 when dst is null or
+ * smaller. Meant for tests and benchmarks. */
 long kssim_camera_produce_frame(kssim_camera* c, uint8_t* dst, size_t size);
 
 /* ---- the control side ------------------------------------------------------
@@ -338,7 +360,9 @@ long kssim_camera_produce_frame(kssim_camera* c, uint8_t* dst, size_t size);
  * command | 0x80000000, the request's parameter, the reply data and its
  * checksum. A GET_CUR with no reply pending (none asked, or already fetched)
  * returns a block with the tag, the last id and command without the reply
- * flag, and length 0.
+ * flag, and length 0. Now and then (late_reply_share of the requests, chosen
+ * by late_reply_seed) the firmware is not done at the first GET_CUR: it
+ * returns that block and the reply comes with the next one.
  *
  * The firmware refuses a request (the GET_CUR that would carry its reply
  * fails with EIO, the control pipe stalled, and the request is done with) when
@@ -350,15 +374,17 @@ long kssim_camera_produce_frame(kssim_camera* c, uint8_t* dst, size_t size);
  *   3  flash write page: p as above, d the 256 bytes; NOR programming: each
  *      byte becomes old & new.
  *   4  flash erase sector: p sector address (low 12 bits 0): 4096 x 0xFF.
- *   5  EEPROM update: d one byte, the slot n: flash bytes (n + 101) x 4096
- *      .. + 3071 are copied into EEPROM 0..3071; for 300 ms of virtual time
- *      every extension-unit query then fails with EIO.
+ *   5  EEPROM update: d one byte, the slot n: acknowledged at once; once
+ *      the acknowledgement has been read (or the next request arrives) the
+ *      controller copies flash bytes (n + 101) x 4096 .. + 3071 into EEPROM
+ *      0..3071 and for 300 ms of virtual time every extension-unit query
+ *      fails with EIO.
  *   6  I2C read: p device << 16 | register, d the byte count (1..256) as a
  *      little-endian 32-bit word; reply the bytes.
  *   7  I2C write: p as above, d the bytes (1..256).
  *      Devices (8-bit addresses, write even, read odd): ASIC 0xCC/0xCD
  *      (registers 0x00..0xFF; no acknowledge while held in reset, powered
- *      down or in the 30 ms it takes to load its EPR after power-up), EEPROM
+ *      down or booting: the first 2 s after its power-up), EEPROM
  *      0xA0/0xA1 (16 KiB, 64-byte pages: a write wraps within its page, a
  *      read wraps at the end), FPGA 0xC0/0xC1 (registers 0x00..0xFF).
  *      Anything else is not acknowledged.
@@ -376,20 +402,31 @@ long kssim_camera_produce_frame(kssim_camera* c, uint8_t* dst, size_t size);
  *      in reset.
  *   15 reset count: reply 4 bytes, big-endian: ASIC power-ups since plug-in.
  * An ASIC power-up (release from reset, GPIO 17 going high on "1022") resets
- * its registers and the sensors, loads the effective EPR from EEPROM bytes
- * 0..3071 (see sim/sim_epr.h for its format) and counts one reset.
+ * its registers and the sensors and counts one reset. The ASIC boots for 2 s
+ * (no acknowledge), then reads the effective EPR from EEPROM bytes 0..3071
+ * (see sim/sim_epr.h for its format) in 276.48 ms (3072 bytes of 9 bit times
+ * at 100 kHz): until then 0xF0 and the stereo constants read 0, the status
+ * shows no EPR and no frame comes. The EPR's frame size becomes the capture
+ * node's. (A camera that is plugged in has done all this already.)
  *
  * ASIC registers: 0x08-0x09 baseline x 128 and 0x0C-0x0F bxf x 4096 from the
  * loaded EPR (0 when it failed); 0x1F reads 0x34; 0x51 output channel (a
- * known channel value switches the capture node); 0x42 search range, read
- * back at 0x4F; 0x63-0x64 the IMX225 frame-rate divisor (fps = 33000 / value);
+ * known channel value switches the capture node); 0x42 search range r, read
+ * back at 0x4F: the matcher searches disparities 32 r + 1 .. 32 r + 4095 and
+ * sends them minus 32 r; trims 0x26 (left, image B) and 0x28 (right, image
+ * A) and line offsets 0x71-0x72 (left) and 0x73-0x74 (right; integer, then
+ * 1/256): output pixel (u, v) of a sensor shows what its pixel (u + trim,
+ * v + line offset) sees, so a trim difference adds to the disparity (A's
+ * trim minus B's); 0x63-0x64 the IMX225 frame-rate divisor (fps = 33000 / value);
  * 0xE2/0xE3 output index of sensor A/B (frame count mod 256); 0xF0 reads 0xEA
  * when the EPR loaded, else 0x00, and opens the sensor bridge when written 3;
  * bridge: with access open, a write of 0xF4 sends register (0xF1, 0xF2) :=
  * low data byte (0xF4) to both sensors, whose command counters (high nibble
  * of reads of 0xF1 and 0xF6) advance and whose status nibbles read 0; a write
  * of 0xF6 reads register (0xF5, 0xF6) of both sensors into 0xF5 (A) and 0xFA
- * (B). Every other register holds what is written.
+ * (B). Forwarding a command takes the bridge 5 ms: a command (0xF4 or 0xF6
+ * written) that comes sooner after the last one taken is lost. Every other
+ * register holds what is written.
  * FPGA registers: 0x00 PCB revision << 4 | sensor model code, 0x01-0x02
  * version 1.5, 0x05-0x07 release date 0x23 0x11 0x20, 0x1F reads 0x56, 0x20 AE
  * (0x10 runs: the image is exposed automatically), 0x27-0x28 trigger rate
@@ -434,7 +471,7 @@ int kssim_camera_register_write(kssim_camera* c, kssim_chip chip, uint32_t reg, 
 typedef struct kssim_device_state {
     int asic_powered;               /* supply on (GPIO 17 on the "1022" firmware, else always) */
     int asic_running;               /* powered and released from reset */
-    int epr_loaded;                 /* the last power-up found a valid effective EPR */
+    int epr_loaded;                 /* the ASIC has loaded a valid effective EPR */
     uint16_t epr_width, epr_height; /* output size of the loaded EPR */
     double bxf, baseline;           /* stereo constants of the loaded EPR */
     uint32_t reset_count;
@@ -465,7 +502,7 @@ typedef enum kssim_direction { KSSIM_REQUEST = 0, KSSIM_REPLY = 1 } kssim_direct
 
 typedef struct kssim_message {
     kssim_direction direction;
-    uint64_t time_us; /* virtual CLOCK_MONOTONIC */
+    uint64_t time_us; /* virtual CLOCK_MONOTONIC when it arrived or was read */
     /* header words as on the wire (command with the reply flag as sent) */
     uint32_t tag, id, timestamp, reserved, command, parameter, length, checksum;
     uint32_t data_length; /* bytes in data: length, at most 288 (what a block holds) */
@@ -486,7 +523,8 @@ typedef struct kssim_control_stats {
     uint64_t requests;       /* new requests received */
     uint64_t refused;        /* requests refused by the firmware */
     uint64_t replies;        /* reply blocks handed out */
-    uint64_t empty_reads;    /* GET_CURs with no reply pending */
+    uint64_t empty_reads;    /* GET_CURs with no reply pending (or not ready yet) */
+    uint64_t late_replies;   /* of these, first reads of a reply not ready yet */
 } kssim_control_stats;
 int kssim_camera_control_stats(kssim_camera* c, kssim_control_stats* out);
 

@@ -74,10 +74,14 @@ Camera::~Camera() {
 void Camera::power_on() {
     width_ = cfg_.initial_size.width;
     height_ = cfg_.initial_size.height;
+    output_size_ = cfg_.initial_size;
+    readout_ = Readout{};
+    search_range_ = 0;
     channel_ = cfg_.output_channel;
     frame_id_ = cfg_.first_frame_id & kFrameIdMask;
     plug_ns_ = world_.clock().mono_ns();
     pipeline_running_ = true;
+    pipeline_from_ns_ = 0;
     brightness_ = 0;
     frame_.reset();
 }
@@ -305,17 +309,23 @@ int Camera::enum_fmt(OpenFile& f, void* arg) {
     return 0;
 }
 
+std::vector<kssim_frame_size> Camera::offered_sizes() const {
+    if (kind_ == Kind::Stereo) return {output_size_};
+    return std::vector<kssim_frame_size>(cfg_.sizes, cfg_.sizes + cfg_.size_count);
+}
+
 int Camera::enum_framesizes(OpenFile&, void* arg) {
     auto* s = static_cast<struct v4l2_frmsizeenum*>(arg);
     std::lock_guard<std::mutex> lk(mu_);
-    if (s->pixel_format != fourcc() || s->index >= cfg_.size_count) return -EINVAL;
+    const std::vector<kssim_frame_size> sizes = offered_sizes();
+    if (s->pixel_format != fourcc() || s->index >= sizes.size()) return -EINVAL;
     const uint32_t index = s->index, pf = s->pixel_format;
     std::memset(s, 0, sizeof(*s));
     s->index = index;
     s->pixel_format = pf;
     s->type = V4L2_FRMSIZE_TYPE_DISCRETE;
-    s->discrete.width = cfg_.sizes[index].width;
-    s->discrete.height = cfg_.sizes[index].height;
+    s->discrete.width = sizes[index].width;
+    s->discrete.height = sizes[index].height;
     return 0;
 }
 
@@ -324,8 +334,8 @@ int Camera::enum_frameintervals(OpenFile&, void* arg) {
     std::lock_guard<std::mutex> lk(mu_);
     if (iv->pixel_format != fourcc() || iv->index != 0) return -EINVAL;
     bool found = false;
-    for (uint32_t i = 0; i < cfg_.size_count; ++i)
-        found = found || (cfg_.sizes[i].width == iv->width && cfg_.sizes[i].height == iv->height);
+    for (const kssim_frame_size& s : offered_sizes())
+        found = found || (s.width == iv->width && s.height == iv->height);
     if (!found) return -EINVAL;
     iv->type = V4L2_FRMIVAL_TYPE_DISCRETE;
     // UVC frame intervals are in units of 100 ns.
@@ -402,15 +412,15 @@ int Camera::set_fmt(OpenFile& f, void* arg, bool try_only) {
     // The driver's adjustment: its one pixel format whatever was asked for,
     // and the frame size that differs least in area from the request.
     uint64_t best = UINT64_MAX;
-    uint16_t w = cfg_.sizes[0].width, h = cfg_.sizes[0].height;
-    for (uint32_t i = 0; i < cfg_.size_count; ++i) {
-        const uint64_t sw = cfg_.sizes[i].width, sh = cfg_.sizes[i].height;
+    uint16_t w = 0, h = 0;
+    for (const kssim_frame_size& s : offered_sizes()) {
+        const uint64_t sw = s.width, sh = s.height;
         const uint64_t overlap = std::min(req_w, sw) * std::min(req_h, sh);
         const uint64_t d = req_w * req_h + sw * sh - 2 * overlap;
         if (d < best) {
             best = d;
-            w = cfg_.sizes[i].width;
-            h = cfg_.sizes[i].height;
+            w = s.width;
+            h = s.height;
         }
     }
     uint32_t pf = fourcc();
@@ -659,24 +669,33 @@ void* Camera::map(OpenFile& f, void* addr, size_t length, int prot, int flags, o
 
 // ---- producer ---------------------------------------------------------------------
 
+// Our cameras send what the ASIC outputs, whatever the node's format (a
+// frame that does not fit the buffers arrives cut or short); a webcam sends
+// the format set.
+FrameParams Camera::frame_params() const {
+    FrameParams f;
+    f.scene = cfg_.scene;
+    f.width = kind_ == Kind::Stereo ? output_size_.width : width_;
+    f.height = kind_ == Kind::Stereo ? output_size_.height : height_;
+    f.bxf = cfg_.bxf;
+    f.baseline = cfg_.baseline;
+    f.readout = readout_;
+    f.channel = channel_;
+    f.brightness = brightness_;
+    f.search_range = search_range_;
+    return f;
+}
+
 std::shared_ptr<const SourceFrame> Camera::frame_source(std::unique_lock<std::mutex>& lk) {
     if (frame_ != nullptr) return frame_;
-    const int w = width_, h = height_;
-    const uint8_t ch = channel_;
-    const kssim_scene scene = cfg_.scene;
-    const double bxf = cfg_.bxf, baseline = cfg_.baseline;
-    const int brightness = brightness_;
+    const FrameParams params = frame_params();
     const Kind kind = kind_;
     lk.unlock();  // rendering can take a while; it is cached by the world
-    std::shared_ptr<const SourceFrame> fr =
-        kind == Kind::Webcam ? flat_yuyv_frame(w, h)
-                             : world_.frames().get(scene, w, h, bxf, baseline, ch, brightness);
+    std::shared_ptr<const SourceFrame> fr = kind == Kind::Webcam
+                                                ? flat_yuyv_frame(params.width, params.height)
+                                                : world_.frames().get(params);
     lk.lock();
-    // Keep it only if nothing changed meanwhile.
-    if (w == width_ && h == height_ && ch == channel_ && bxf == cfg_.bxf &&
-        baseline == cfg_.baseline && brightness == brightness_ &&
-        std::memcmp(&scene, &cfg_.scene, sizeof(scene)) == 0)
-        frame_ = fr;
+    if (params == frame_params()) frame_ = fr;  // keep it only if nothing changed meanwhile
     return fr;
 }
 
@@ -692,7 +711,7 @@ void Camera::producer_main() {
         }
         const int64_t period = period_ns(cfg_.fps);
         int64_t due = next_due_ns_;
-        if (!pipeline_running_) {
+        if (!pipeline_running_ || due < pipeline_from_ns_) {
             // The ASIC or the sensors are off: the periods pass without frames.
             next_due_ns_ = std::max(due, now - period) + period;
             continue;
@@ -722,23 +741,29 @@ Camera::FrameStamp Camera::next_stamp() {
     int32_t marker = 0;
     st.bad_marker = take_fault(KSSIM_FAULT_BAD_MARKER, &marker);
     st.marker = static_cast<uint8_t>(marker);
+    int32_t late = 0;
+    if (take_fault(KSSIM_FAULT_LATE_FRAME, &late)) st.late = late > 0 ? uint32_t(late) : 1;
     return st;
 }
 
 size_t Camera::write_frame(uint8_t* dst, size_t size, const SourceFrame& src, const FrameStamp& st,
                            uint64_t ts_us) const {
     const size_t n = std::min(size, src.bytes.size());
-    std::memcpy(dst, src.bytes.data(), n);
+    // A late frame: zeros first, its own bytes after them, its tail cut.
+    const size_t late = std::min<size_t>(st.late, n);
+    std::memset(dst, 0, late);
+    uint8_t* frame = dst + late;
+    std::memcpy(frame, src.bytes.data(), n - late);
     if (kind_ == Kind::Stereo) {
-        stamp_frame(dst, n, st.id, ts_us);
-        if (st.bad_marker && n > 0) dst[0] = st.marker;
+        stamp_frame(frame, n - late, st.id, ts_us);
+        if (st.bad_marker && n > late) frame[0] = st.marker;
     }
     return n;
 }
 
 void Camera::emit_frame(std::unique_lock<std::mutex>& lk, int64_t due_ns) {
     if (take_fault(KSSIM_FAULT_STALL, nullptr)) return;
-    if (!pipeline_running_) return;
+    if (!pipeline_running_ || due_ns < pipeline_from_ns_) return;
     std::shared_ptr<const SourceFrame> src = frame_source(lk);
     if (stop_) return;
     const uint32_t seq = sequence_++;
@@ -775,7 +800,9 @@ void Camera::emit_frame(std::unique_lock<std::mutex>& lk, int64_t due_ns) {
 long Camera::produce_frame(uint8_t* dst, size_t size) {
     std::lock_guard<std::mutex> ctl(ctl_mu_);
     std::unique_lock<std::mutex> lk(mu_);
-    const size_t need = sizeimage();
+    const FrameParams params = frame_params();
+    const size_t need =
+        static_cast<size_t>(params.width) * static_cast<size_t>(params.height) * bytes_per_pixel();
     if (dst == nullptr || size < need) return -1;
     std::shared_ptr<const SourceFrame> src = frame_source(lk);
     const FrameStamp st = next_stamp();
@@ -848,9 +875,29 @@ int Camera::set_stereo_constants(double bxf, double baseline) {
     return 0;
 }
 
-void Camera::set_pipeline_running(bool running) {
+void Camera::set_output_size(uint16_t width, uint16_t height) {
+    std::lock_guard<std::mutex> lk(mu_);
+    if (width == output_size_.width && height == output_size_.height) return;
+    output_size_ = {width, height};
+    frame_.reset();
+    if (bufs_ == nullptr) {
+        width_ = width;
+        height_ = height;
+    }
+}
+
+void Camera::set_asic_output(const Readout& readout, int search_range) {
+    std::lock_guard<std::mutex> lk(mu_);
+    if (readout == readout_ && search_range == search_range_) return;
+    readout_ = readout;
+    search_range_ = search_range;
+    frame_.reset();
+}
+
+void Camera::set_pipeline_running(bool running, int64_t from_ns) {
     std::lock_guard<std::mutex> lk(mu_);
     pipeline_running_ = running;
+    pipeline_from_ns_ = from_ns;
     cv_.notify_all();
 }
 
@@ -868,19 +915,17 @@ void Camera::set_brightness(int eighths) {
 
 int Camera::true_distance(uint32_t x, uint32_t y, double* mm) {
     std::shared_ptr<const Scene> scene;
-    int w, h;
-    double bxf, baseline;
+    FrameParams f;
     {
         std::lock_guard<std::mutex> lk(mu_);
         if (scene_ == nullptr) scene_ = std::make_shared<const Scene>(cfg_.scene);
         scene = scene_;
-        w = width_;
-        h = height_;
-        bxf = cfg_.bxf;
-        baseline = cfg_.baseline;
+        f = frame_params();
     }
-    if (mm == nullptr || x >= static_cast<uint32_t>(w) || y >= static_cast<uint32_t>(h)) return -1;
-    *mm = true_depth(*scene, w, h, bxf, baseline, x, y);
+    if (mm == nullptr || x >= static_cast<uint32_t>(f.width) ||
+        y >= static_cast<uint32_t>(f.height))
+        return -1;
+    *mm = true_depth(*scene, f.width, f.height, f.bxf, f.baseline, f.readout, x, y);
     return 0;
 }
 
@@ -907,12 +952,13 @@ int Camera::inject_fault(const kssim_fault& in) {
     std::memcpy(&kind, &in.kind, sizeof(kind));
     if (kind < 0 || kind >= KSSIM_FAULT_KIND_COUNT) return -1;
     const kssim_fault& armed = in;
-    if (kind >= KSSIM_FAULT_XU_FAIL) {
+    if (is_control_fault(kind)) {
         std::lock_guard<std::mutex> ctl(ctl_mu_);
         return xu_ != nullptr ? xu_->inject_fault(armed) : -1;
     }
     if (armed.kind == KSSIM_FAULT_FEWER_BUFFERS && (armed.value < 0 || armed.value > 32)) return -1;
     if (armed.kind == KSSIM_FAULT_BAD_MARKER && (armed.value < 0 || armed.value > 255)) return -1;
+    if (armed.kind == KSSIM_FAULT_LATE_FRAME && (armed.value < 0 || armed.value > 2)) return -1;
     if ((armed.kind == KSSIM_FAULT_S_FMT_FAIL || armed.kind == KSSIM_FAULT_G_FMT_FAIL ||
          armed.kind == KSSIM_FAULT_QUERYCAP_FAIL) &&
         (armed.value < 0 || armed.value > 4095))
@@ -940,7 +986,7 @@ int Camera::inject_fault(const kssim_fault& in) {
 int Camera::clear_fault(kssim_fault_kind kind) {
     if (static_cast<int>(kind) < 0 || static_cast<int>(kind) >= KSSIM_FAULT_KIND_COUNT) return -1;
     if (kind == KSSIM_FAULT_UNPLUG) return plugged() ? 0 : replug();
-    if (kind >= KSSIM_FAULT_XU_FAIL) {
+    if (is_control_fault(kind)) {
         std::lock_guard<std::mutex> ctl(ctl_mu_);
         return xu_ != nullptr ? xu_->clear_fault(kind) : -1;
     }
@@ -954,7 +1000,7 @@ bool Camera::fault_active(kssim_fault_kind kind) {
     if (static_cast<int>(kind) < 0 || static_cast<int>(kind) >= KSSIM_FAULT_KIND_COUNT)
         return false;
     if (kind == KSSIM_FAULT_UNPLUG) return !plugged();
-    if (kind >= KSSIM_FAULT_XU_FAIL) {
+    if (is_control_fault(kind)) {
         std::lock_guard<std::mutex> ctl(ctl_mu_);
         return xu_ != nullptr && xu_->fault_active(kind);
     }

@@ -80,6 +80,11 @@ struct BufferSet {
     std::unique_ptr<std::atomic<uint32_t>[]> mapped;  // host mappings per buffer
 };
 
+// Faults of the control side, handled by the extension unit.
+inline bool is_control_fault(int kind) {
+    return kind >= KSSIM_FAULT_XU_FAIL && kind <= KSSIM_FAULT_SLOW_EEPROM_UPDATE;
+}
+
 struct Fault {
     bool active = false;
     bool by_count = false;
@@ -133,8 +138,15 @@ class Camera {
     ExtensionUnit* extension_unit() const { return xu_.get(); }
     // Set by the chips behind the extension unit.
     int set_stereo_constants(double bxf, double baseline);
-    // Frames come only while the pipeline (ASIC and sensors) runs.
-    void set_pipeline_running(bool running);
+    // The frame size of the EPR the ASIC booted with: the only size the
+    // capture node offers. The format follows at once unless buffers exist.
+    void set_output_size(uint16_t width, uint16_t height);
+    // What the ASIC's registers do to the images: readout windows (trims,
+    // line offsets) and the disparity search range.
+    void set_asic_output(const Readout& readout, int search_range);
+    // Frames come only while the pipeline (ASIC and sensors) runs, from the
+    // virtual time from_ns on (the ASIC's EPR loaded).
+    void set_pipeline_running(bool running, int64_t from_ns = 0);
     bool pipeline_running() const;
     // Image brightness as a power of two in eighths (0: as rendered).
     void set_brightness(int eighths);
@@ -202,7 +214,11 @@ class Camera {
         uint64_t id = 0;
         bool bad_marker = false;
         uint8_t marker = 0;
+        uint32_t late = 0;  // bytes the frame arrives late
     };
+    // Frame sizes the capture node offers.
+    std::vector<kssim_frame_size> offered_sizes() const;  // caller holds mu_
+    FrameParams frame_params() const;                     // caller holds mu_
     FrameStamp next_stamp();
     size_t write_frame(uint8_t* dst, size_t size, const SourceFrame& src, const FrameStamp& st,
                        uint64_t ts_us) const;
@@ -230,9 +246,13 @@ class Camera {
     std::unique_ptr<ExtensionUnit> xu_;
 
     // format and channel
-    uint16_t width_ = 0, height_ = 0;
+    uint16_t width_ = 0, height_ = 0;  // the format set on the node
+    kssim_frame_size output_size_{};   // what the ASIC sends (our cameras)
+    Readout readout_;
+    int search_range_ = 0;
     uint8_t channel_ = KSSIM_CHANNEL_RGBD;
     bool pipeline_running_ = true;
+    int64_t pipeline_from_ns_ = 0;
     int brightness_ = 0;                        // eighths of a stop
     std::shared_ptr<const SourceFrame> frame_;  // cached source for size/channel/scene
     std::shared_ptr<const Scene> scene_;        // geometry for the ground truth

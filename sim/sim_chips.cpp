@@ -12,7 +12,14 @@ namespace kssim {
 
 namespace {
 
-constexpr int64_t kAsicBootNs = 30 * 1000000ll;
+// After its release from reset the ASIC boots (no I2C acknowledge), then
+// reads its 3072-byte EPR from the EEPROM over a 100 kHz bus (9 bit times a
+// byte); its status and stereo constants read 0 and no frame comes until then.
+constexpr int64_t kAsicBootNs = 2000 * 1000000ll;
+constexpr int64_t kEprLoadNs = 3072ll * 9 * 10000;
+// The sensor bridge forwards a command to the sensors in this time; one that
+// arrives meanwhile is lost.
+constexpr int64_t kBridgeCommandNs = 5 * 1000000ll;
 constexpr size_t kImuFifo = 1024;
 constexpr size_t kHeldWrites = 256;  // group-hold buffer of the SC132GS
 constexpr double kNominalExposureLines = 500.0;
@@ -101,6 +108,8 @@ void Device::eeprom_store(uint16_t addr, uint8_t value) {
 // ---- ASIC -------------------------------------------------------------------------------------
 
 uint8_t Device::asic_read(uint8_t reg, bool consume_faults) {
+    const bool constant = reg == 0x08 || reg == 0x09 || (reg >= 0x0C && reg <= 0x0F);
+    if ((reg == 0xF0 || constant) && !epr_read(now())) return 0;  // still loading
     switch (reg) {
         case 0x4F:
             return asic_[0x42];  // search range read-back
@@ -140,12 +149,27 @@ void Device::asic_write(uint8_t reg, uint8_t value) {
             bridge_open_ = value == 3;
             return;
         case 0xF4:
+        case 0xF6: {
             asic_[reg] = value;
-            if (bridge_open_) bridge_command();
+            if (!bridge_open_) return;
+            const int64_t t = now();
+            if (t < bridge_busy_until_) return;  // still forwarding the last one: lost
+            bridge_busy_until_ = t + kBridgeCommandNs;
+            if (reg == 0xF4)
+                bridge_command();
+            else
+                bridge_read();
             return;
-        case 0xF6:
+        }
+        case 0x26:
+        case 0x28:
+        case 0x42:
+        case 0x71:
+        case 0x72:
+        case 0x73:
+        case 0x74:
             asic_[reg] = value;
-            if (bridge_open_) bridge_read();
+            push_asic_output();
             return;
         case 0x51:
             asic_[reg] = value;
@@ -214,9 +238,11 @@ void Device::asic_power_up() {
     asic_[0x1F] = 0x34;
     for (uint8_t r = 0x21; r <= 0x24; ++r) asic_[r] = 0x80;
     bridge_open_ = false;
+    bridge_busy_until_ = 0;
     bridge_read_[0] = bridge_read_[1] = 0;
     manual_exposure_ = false;
     asic_boot_until_ = t + kAsicBootNs;
+    epr_ready_at_ = asic_boot_until_ + kEprLoadNs;
     asic_[0x51] = base_channel_;
     camera_.set_output_channel(base_channel_);
     asic_[0x61] = 2424 >> 8;
@@ -228,7 +254,23 @@ void Device::asic_power_up() {
     frames_base_ = 0;
     timeline_ns_ = t;
     timeline_rate_ = 0;
+    push_asic_output();
     load_epr();
+}
+
+// Sensor A is the right one (right trim 0x28, right line offset 0x73-0x74),
+// B the left one; line offsets count 1/256 line in their second register.
+void Device::push_asic_output() {
+    Readout r;
+    r.column[0] = asic_[0x28];
+    r.column[1] = asic_[0x26];
+    r.line[0] = asic_[0x73] + asic_[0x74] / 256.0;
+    r.line[1] = asic_[0x71] + asic_[0x72] / 256.0;
+    const int range = asic_[0x42];
+    if (r == pushed_readout_ && range == pushed_range_) return;
+    camera_.set_asic_output(r, range);
+    pushed_readout_ = r;
+    pushed_range_ = range;
 }
 
 void Device::asic_power_down() {
@@ -251,6 +293,7 @@ void Device::load_epr() {
     asic_[0x09] = static_cast<uint8_t>(e.baseline_raw);
     for (int i = 0; i < 4; ++i) asic_[0x0C + i] = static_cast<uint8_t>(e.bxf_raw >> (24 - 8 * i));
     camera_.set_stereo_constants(e.bxf(), e.baseline());
+    camera_.set_output_size(e.width, e.height);
 }
 
 void Device::reject_epr() {
@@ -401,9 +444,10 @@ void Device::update_timeline() {
         camera_.set_frame_rate(rate);
         pushed_rate_ = rate;
     }
-    if (running != pushed_running_) {
-        camera_.set_pipeline_running(running);
+    if (running != pushed_running_ || epr_ready_at_ != pushed_ready_at_) {
+        camera_.set_pipeline_running(running, epr_ready_at_);
         pushed_running_ = running;
+        pushed_ready_at_ = epr_ready_at_;
     }
 }
 
@@ -591,13 +635,13 @@ kssim_device_state Device::state() {
     std::memset(&s, 0, sizeof(s));
     s.asic_powered = asic_powered_ ? 1 : 0;
     s.asic_running = asic_running() ? 1 : 0;
-    s.epr_loaded = epr_loaded_ ? 1 : 0;
+    s.epr_loaded = epr_loaded_ && epr_read(t) ? 1 : 0;
     s.epr_width = epr_.width;
     s.epr_height = epr_.height;
     s.bxf = epr_.bxf();
     s.baseline = epr_.baseline();
     s.reset_count = reset_count_;
-    s.eeprom_busy = t < busy_until_ ? 1 : 0;
+    s.eeprom_busy = update_ns_ > 0 || t < busy_until_ ? 1 : 0;
     s.sensors_streaming = asic_running() && sensors_streaming() ? 1 : 0;
     s.sensor_frame_rate = sensor_rate();
     s.imu_fifo_level = static_cast<uint32_t>(imu_fifo_.size());

@@ -95,7 +95,7 @@ Device::Device(World& world, Camera& camera, const kssim_camera_config& cfg)
 }
 
 int64_t Device::now() const {
-    return world_.clock().mono_ns();
+    return instant_ != 0 ? instant_ : world_.clock().mono_ns();
 }
 
 void Device::power_on_controller() {
@@ -123,6 +123,10 @@ void Device::power_on_controller() {
     pushed_running_ = !camera_.pipeline_running();  // force the first push
     pushed_rate_ = 0;
     pushed_brightness_ = 1000;
+    pushed_readout_ = Readout{};
+    pushed_range_ = 0;
+    late_ = false;
+    update_ns_ = 0;
     imu_fifo_.clear();
     imu_start_ = t;
     imu_generated_ = 0;
@@ -130,7 +134,7 @@ void Device::power_on_controller() {
     asic_powered_ = true;
     asic_released_ = true;
     asic_power_up();
-    asic_boot_until_ = 0;  // done long before the host can enumerate the device
+    asic_boot_until_ = epr_ready_at_ = 0;  // done before the host can enumerate the device
     update_timeline();
     push_brightness();
 }
@@ -219,14 +223,14 @@ int Device::inject_fault(const kssim_fault& armed) {
 }
 
 int Device::clear_fault(kssim_fault_kind kind) {
-    if (kind < KSSIM_FAULT_XU_FAIL || kind >= KSSIM_FAULT_KIND_COUNT) return -1;
+    if (!is_control_fault(kind)) return -1;
     std::lock_guard<std::mutex> lk(mu_);
     fault(kind) = Fault{};
     return 0;
 }
 
 bool Device::fault_active(kssim_fault_kind kind) {
-    if (kind < KSSIM_FAULT_XU_FAIL || kind >= KSSIM_FAULT_KIND_COUNT) return false;
+    if (!is_control_fault(kind)) return false;
     std::lock_guard<std::mutex> lk(mu_);
     return on(kind);
 }
@@ -257,12 +261,20 @@ int Device::query(Camera&, struct uvc_xu_control_query& q) {
     if (q.size != need) return -EINVAL;
     if (q.data == nullptr) return -EFAULT;
     std::lock_guard<std::mutex> lk(mu_);
+    instant_ = world_.clock().mono_ns();  // the firmware handles it at the instant it arrives
+    const int r = answer(q);
+    instant_ = 0;
+    return r;
+}
+
+int Device::answer(struct uvc_xu_control_query& q) {
     ++stats_.queries;
     int32_t err = 0;
     if (take(KSSIM_FAULT_XU_FAIL, &err)) {
         ++stats_.failed_queries;
         return -(err > 0 ? err : EPIPE);
     }
+    if (update_ns_ > 0 && q.query == UVC_SET_CUR) begin_update();  // the ack was never read
     if (now() < busy_until_) {
         // Copying a flash slot into the EEPROM: the controller answers nothing.
         ++stats_.failed_queries;
@@ -320,6 +332,10 @@ void Device::handle_request(const uint8_t* block, int64_t t) {
     }
     pending_ = ok ? Pending::Reply : Pending::Refused;
     if (!ok) ++stats_.refused;
+    // Now and then the firmware has the answer ready only at the second read.
+    late_ = ok && !hostile_ &&
+            unit_random(mix64(uint64_t{cfg_.late_reply_seed} << 32 ^ stats_.requests)) <
+                cfg_.late_reply_share;
     record(KSSIM_REQUEST, block, ok ? 0 : EIO);
 }
 
@@ -328,12 +344,14 @@ int Device::get_cur(uint8_t* block) {
         pending_ = Pending::None;
         return -EIO;  // the stalled control pipe
     }
-    if (pending_ == Pending::None) {
+    if (pending_ == Pending::None || late_) {
         std::memset(block, 0, kBlockSize);
         put32(block, kMessageTag);
         put32(block + 4, last_.id);
         put32(block + 16, last_.command & ~kReplyFlag);
         ++stats_.empty_reads;
+        if (late_) ++stats_.late_replies;
+        late_ = false;
         return 0;
     }
     std::memcpy(block, reply_.data(), kBlockSize);
@@ -364,7 +382,13 @@ int Device::get_cur(uint8_t* block) {
     if (!keep) pending_ = Pending::None;
     ++stats_.replies;
     record(KSSIM_REPLY, block, 0);
+    if (!keep && update_ns_ > 0) begin_update();  // acknowledged: now the copy
     return 0;
+}
+
+void Device::begin_update() {
+    busy_until_ = now() + update_ns_;
+    update_ns_ = 0;
 }
 
 void Device::build_reply(const Header& req, const std::vector<uint8_t>& data) {
@@ -437,7 +461,7 @@ Device::Answer Device::execute(const Header& h, const uint8_t* data, int64_t t) 
         case 4:
             return cmd_flash_erase(h);
         case 5:
-            return cmd_eeprom_update(h, data, t);
+            return cmd_eeprom_update(h, data);
         case 6:
             return cmd_i2c_read(h, data);
         case 7:
@@ -446,8 +470,8 @@ Device::Answer Device::execute(const Header& h, const uint8_t* data, int64_t t) 
             return cmd_gpio(h, data);
         case 11:  // status
             if (h.length != 0) return a;
-            a.data.push_back(
-                static_cast<uint8_t>((asic_running() ? 1 : 0) | (epr_loaded_ ? 2 : 0)));
+            a.data.push_back(static_cast<uint8_t>((asic_running() ? 1 : 0) |
+                                                  (epr_loaded_ && epr_read(t) ? 2 : 0)));
             a.ok = true;
             return a;
         case 13:
@@ -496,16 +520,18 @@ Device::Answer Device::cmd_flash_erase(const Header& h) {
     return a;
 }
 
-Device::Answer Device::cmd_eeprom_update(const Header& h, const uint8_t* data, int64_t t) {
+Device::Answer Device::cmd_eeprom_update(const Header& h, const uint8_t* data) {
     Answer a;
     if (h.length != 1) return a;
     const size_t src = (size_t{data[0]} + kFlashEprBase) * kFlashSector;
     if (src + kEprSize > kFlashSize) return a;
     std::copy(flash_.begin() + src, flash_.begin() + src + kEprSize, eeprom_.begin());
+    // Acknowledged at once; the copy (no answers meanwhile) begins once the
+    // acknowledgement has been read.
     int32_t ms = 0;
-    busy_until_ = t + (take(KSSIM_FAULT_SLOW_EEPROM_UPDATE, &ms)
-                           ? int64_t{ms > 0 ? ms : kSlowEepromUpdateMs} * 1000000
-                           : kEepromUpdateNs);
+    update_ns_ = take(KSSIM_FAULT_SLOW_EEPROM_UPDATE, &ms)
+                     ? int64_t{ms > 0 ? ms : kSlowEepromUpdateMs} * 1000000
+                     : kEepromUpdateNs;
     a.ok = true;
     return a;
 }

@@ -112,6 +112,7 @@ class Device : public ExtensionUnit {
     };
 
     // ---- extension unit and framing (sim_device.cpp)
+    int answer(struct uvc_xu_control_query& q);  // a checked query, at instant_
     int set_cur(const uint8_t* block);
     int get_cur(uint8_t* block);
     void handle_request(const uint8_t* block, int64_t now);
@@ -119,12 +120,13 @@ class Device : public ExtensionUnit {
     void build_reply(const Header& req, const std::vector<uint8_t>& data);
     void build_hostile_reply(const Header& req);
     void record(kssim_direction dir, const uint8_t* block, int32_t outcome);
+    void begin_update();  // the EEPROM copy starts: the controller falls silent
 
     // ---- firmware commands (sim_device.cpp)
     Answer cmd_flash_read(const Header& h);
     Answer cmd_flash_write(const Header& h, const uint8_t* data);
     Answer cmd_flash_erase(const Header& h);
-    Answer cmd_eeprom_update(const Header& h, const uint8_t* data, int64_t t);
+    Answer cmd_eeprom_update(const Header& h, const uint8_t* data);
     Answer cmd_i2c_read(const Header& h, const uint8_t* data);
     Answer cmd_i2c_write(const Header& h, const uint8_t* data);
     Answer cmd_gpio(const Header& h, const uint8_t* data);
@@ -148,6 +150,9 @@ class Device : public ExtensionUnit {
     void write_rate_registers(double fps);
     bool asic_running() const { return asic_powered_ && asic_released_; }
     bool asic_reachable(int64_t now) const { return asic_running() && now >= asic_boot_until_; }
+    // The ASIC has read its EPR since the last power-up (valid or not).
+    bool epr_read(int64_t now) const { return asic_running() && now >= epr_ready_at_; }
+    void push_asic_output();  // trims, line offsets, search range: tell the camera
     void set_asic_power(bool powered, bool released);
     void asic_power_up();
     void asic_power_down();
@@ -182,6 +187,7 @@ class Device : public ExtensionUnit {
     uint8_t base_channel_;     // the ASIC's channel at power-up
 
     std::mutex mu_;
+    int64_t instant_ = 0;  // while a query is handled: its arrival time
 
     // memories (kept across replugs)
     std::vector<uint8_t> eeprom_;
@@ -189,10 +195,12 @@ class Device : public ExtensionUnit {
 
     // controller
     Pending pending_ = Pending::None;
+    bool late_ = false;  // the pending reply is withheld from the first read
     std::array<uint8_t, kBlockSize> reply_{};
     Header last_;  // header of the last request
     int64_t busy_until_ = 0;
-    uint32_t gpio_ = 0;  // pin levels, bit n = GPIO n
+    int64_t update_ns_ = 0;  // an EEPROM update acknowledged but not yet begun
+    uint32_t gpio_ = 0;      // pin levels, bit n = GPIO n
     uint32_t reset_count_ = 0;
     bool hostile_ = false;
     uint64_t hostile_state_ = 0;
@@ -201,6 +209,8 @@ class Device : public ExtensionUnit {
     bool asic_powered_ = true;
     bool asic_released_ = true;
     int64_t asic_boot_until_ = 0;
+    int64_t epr_ready_at_ = 0;
+    int64_t bridge_busy_until_ = 0;  // the bridge forwards its last command
     std::array<uint8_t, 256> asic_{};
     uint8_t epr_status_ = 0;
     bool epr_loaded_ = false;
@@ -216,7 +226,10 @@ class Device : public ExtensionUnit {
     Sensor sensors_[2];
     double pushed_rate_ = 0;  // rate given to the capture node
     bool pushed_running_ = false;
+    int64_t pushed_ready_at_ = 0;
     int pushed_brightness_ = 0;
+    Readout pushed_readout_;
+    int pushed_range_ = 0;
     bool rate_from_registers_ = false;
     uint64_t frames_base_ = 0;  // frames before timeline_ns_
     int64_t timeline_ns_ = 0;

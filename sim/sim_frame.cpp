@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace kssim {
 
@@ -63,6 +64,13 @@ void write_statistics(uint8_t* frame, const uint16_t s[5]) {
 
 }  // namespace
 
+bool operator==(const FrameParams& a, const FrameParams& b) {
+    return std::memcmp(&a.scene, &b.scene, sizeof(a.scene)) == 0 && a.width == b.width &&
+           a.height == b.height && a.bxf == b.bxf && a.baseline == b.baseline &&
+           a.readout == b.readout && a.channel == b.channel && a.brightness == b.brightness &&
+           a.search_range == b.search_range;
+}
+
 bool is_known_channel(uint8_t channel) {
     return channel == KSSIM_CHANNEL_ORIGIN_PAIR || channel == KSSIM_CHANNEL_RECTIFIED_PAIR ||
            channel == KSSIM_CHANNEL_ORIGIN_DISPARITY || channel == KSSIM_CHANNEL_RGBD;
@@ -83,7 +91,8 @@ const std::vector<uint16_t>& scaled_luma(const std::vector<uint16_t>& luma, int 
 
 }  // namespace
 
-std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel, int brightness) {
+std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel, int brightness,
+                                          int search_range) {
     auto out = std::make_shared<SourceFrame>();
     const int w = view.width, h = view.height;
     std::vector<uint16_t> scaled_a, scaled_b;
@@ -96,8 +105,13 @@ std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel
     std::vector<uint16_t> disparity;
     const bool with_disparity =
         channel == KSSIM_CHANNEL_RGBD || channel == KSSIM_CHANNEL_ORIGIN_DISPARITY;
-    if (channel == KSSIM_CHANNEL_RGBD) processed_disparity(view, disparity);
-    if (channel == KSSIM_CHANNEL_ORIGIN_DISPARITY) raw_disparity(view, disparity);
+    int lag_lines = kProcessedLagLines, lag_columns = 0;
+    if (channel == KSSIM_CHANNEL_RGBD) processed_disparity(view, search_range, disparity);
+    if (channel == KSSIM_CHANNEL_ORIGIN_DISPARITY) {
+        raw_disparity(view, search_range, disparity);
+        lag_lines = kRawLagLines;
+        lag_columns = kRawLagColumns;
+    }
     const size_t cw = static_cast<size_t>(w / 2);
     for (int y = 0; y < h; ++y) {
         uint8_t* line = out->bytes.data() + static_cast<size_t>(y) * static_cast<size_t>(w) * 3;
@@ -117,10 +131,9 @@ std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel
             uint16_t v = 0;
             if (y > 0) {
                 if (with_disparity) {
-                    if (y >= kDisparityLag)
-                        v = disparity[static_cast<size_t>(y - kDisparityLag) *
-                                          static_cast<size_t>(w) +
-                                      static_cast<size_t>(x)];
+                    if (y >= lag_lines && x >= lag_columns)
+                        v = disparity[static_cast<size_t>(y - lag_lines) * static_cast<size_t>(w) +
+                                      static_cast<size_t>(x - lag_columns)];
                 } else {
                     v = luma_b[i];
                 }

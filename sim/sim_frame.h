@@ -20,9 +20,13 @@
 //             S4 peak luma x 256 (saturated at 0xFFFF)
 //
 // The values V of lines 1.. depend on the output channel:
-//   RGBD (0x7F), origin disparity (0x7E): disparity in 1/32 pixel; the stereo
-//     pipeline emits the disparity of image row y in line y + 3 (lines 1 and 2
-//     carry none);
+//   RGBD (0x7F): processed disparity in 1/32 pixel; the disparity of image
+//     pixel (x, y) comes in line y + 3, column x (lines 1 and 2 carry none);
+//   origin disparity (0x7E): the raw matcher's disparity, which lags further:
+//     that of image pixel (x, y) comes in line y + 6, column x + 22 (the host
+//     reads it there and registers its own output to the image);
+//   both send the disparity minus 32 x the search range (ASIC 0x42), 0 where
+//     that leaves 1..4095;
 //   rectified pair (0x76): image B, 12 bits;
 //   origin pair (0x23): image B, 12 bits; and N carries the low 4 bits of
 //     image A's 12-bit value instead of chroma (Y holds its high 8 bits).
@@ -40,8 +44,11 @@ namespace kssim {
 
 constexpr uint16_t kMarkerM0 = 0xACE;
 constexpr uint16_t kMarkerM1 = 0xBED;
-constexpr int kDisparityLag = 3;  // lines between an image row and its disparity
-constexpr int kMetaWords = 42;    // words the camera fills in the metadata line
+// Where the disparity of image pixel (x, y) travels in the frame.
+constexpr int kProcessedLagLines = 3;
+constexpr int kRawLagLines = 6;
+constexpr int kRawLagColumns = 22;
+constexpr int kMetaWords = 42;  // words the camera fills in the metadata line
 constexpr uint64_t kFrameIdMask = (1ull << 36) - 1;
 constexpr uint64_t kTimestampMask = (1ull << 48) - 1;
 
@@ -67,12 +74,25 @@ struct SourceFrame {
     uint16_t ae[5] = {0, 0, 0, 0, 0};
 };
 
+// Everything an encoded frame depends on.
+struct FrameParams {
+    kssim_scene scene{};
+    int width = 0, height = 0;
+    double bxf = 0, baseline = 0;
+    Readout readout;
+    uint8_t channel = 0;
+    int brightness = 0;
+    int search_range = 0;
+};
+bool operator==(const FrameParams& a, const FrameParams& b);
+
 // Encodes one channel of a rendered view, with the static part of the
 // metadata line (markers, stereo constants, channel code, statistics). The
 // sensors' luma is scaled by 2^(brightness / 8) (saturating at 12 bits)
-// before encoding, so the exposure statistics follow it.
+// before encoding, so the exposure statistics follow it; disparities are
+// sent for the search range given.
 std::shared_ptr<SourceFrame> encode_frame(const SceneView& view, uint8_t channel,
-                                          int brightness = 0);
+                                          int brightness = 0, int search_range = 0);
 
 // Writes the per-frame words: frame id (M23..M25) and timestamp (M26..M29).
 void stamp_frame(uint8_t* frame, size_t size, uint64_t frame_id, uint64_t timestamp_us);

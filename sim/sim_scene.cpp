@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 
 namespace kssim {
@@ -12,6 +13,8 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kWallDistance = 1500.0;
 constexpr double kRoomDistance = 3000.0;
 constexpr double kBacklitDistance = 4000.0;
+constexpr double kMaxDisparityUnits = 8191;  // 13 bits
+constexpr int kWireMax = 4095;               // the matcher's window, in 1/32 pixel
 
 double smooth(double t) {
     return t * t * (3.0 - 2.0 * t);
@@ -251,47 +254,58 @@ Hit Scene::cast(double ox, double dx, double dy) const {
 uint16_t disparity_units(double bxf, double z) {
     if (!(z > 0)) return 0;
     const double v = std::round(32.0 * bxf / z);
-    if (v < 1 || v > 4095) return 0;
+    if (v < 1 || v > kMaxDisparityUnits) return 0;
     return static_cast<uint16_t>(v);
 }
 
-double true_depth(const Scene& scene, int width, int height, double bxf, double baseline, double x,
-                  double y) {
+uint16_t wire_disparity(int units, int range) {
+    const int v = units - 32 * range;
+    return v >= 1 && v <= kWireMax ? static_cast<uint16_t>(v) : 0;
+}
+
+namespace {
+
+// The principal point in whole pixels, as the host's point cloud takes it.
+double centre(int size) {
+    return static_cast<double>(size / 2);
+}
+
+}  // namespace
+
+double true_depth(const Scene& scene, int width, int height, double bxf, double baseline,
+                  const Readout& r, double x, double y) {
     const double f = bxf / baseline;
-    const double cx = (width - 1) / 2.0, cy = (height - 1) / 2.0;
-    return scene.cast(0, (x - cx) / f, (y - cy) / f).z;
+    return scene
+        .cast(0, (x + r.column[0] - centre(width)) / f, (y + r.line[0] - centre(height)) / f)
+        .z;
 }
 
 std::shared_ptr<SceneView> render_view(const Scene& scene, int width, int height, double bxf,
-                                       double baseline) {
+                                       double baseline, const Readout& readout) {
     auto view = std::make_shared<SceneView>();
     view->width = width;
     view->height = height;
     view->bxf = bxf;
     view->baseline = baseline;
+    view->readout = readout;
     view->seed = scene.desc().seed;
     const size_t n = static_cast<size_t>(width) * static_cast<size_t>(height);
     const size_t cw = static_cast<size_t>(width / 2), ch = static_cast<size_t>(height / 2);
     view->luma_a.resize(n);
-    view->luma_b.resize(n);
     view->depth_a.resize(n);
-    view->depth_b.resize(n);
     view->flags_a.resize(n);
     std::vector<uint32_t> usum(cw * ch, 0), vsum(cw * ch, 0);
     const double f = bxf / baseline;
-    const double cx = (width - 1) / 2.0, cy = (height - 1) / 2.0;
+    const double cx = centre(width), cy = centre(height);
+    const Readout& r = readout;
     for (int y = 0; y < height; ++y) {
-        const double dy = (y - cy) / f;
+        const double dy = (y + r.line[0] - cy) / f;
         for (int x = 0; x < width; ++x) {
-            const double dx = (x - cx) / f;
             const size_t i =
                 static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
-            const Hit a = scene.cast(0, dx, dy);
-            const Hit b = scene.cast(baseline, dx, dy);
+            const Hit a = scene.cast(0, (x + r.column[0] - cx) / f, dy);
             view->luma_a[i] = static_cast<uint16_t>(std::min(4095.0, std::round(a.luma * 16)));
-            view->luma_b[i] = static_cast<uint16_t>(std::min(4095.0, std::round(b.luma * 16)));
             view->depth_a[i] = static_cast<float>(a.z);
-            view->depth_b[i] = static_cast<float>(b.z);
             view->flags_a[i] = static_cast<uint8_t>((a.textured ? 0 : kPixelTextureless) |
                                                     (a.window ? kPixelWindow : 0));
             if (static_cast<size_t>(x / 2) < cw && static_cast<size_t>(y / 2) < ch) {
@@ -310,34 +324,109 @@ std::shared_ptr<SceneView> render_view(const Scene& scene, int width, int height
     return view;
 }
 
-void processed_disparity(const SceneView& view, std::vector<uint16_t>& out) {
+void render_sensor_b(const Scene& scene, SceneView& view) {
+    const int width = view.width, height = view.height;
+    const size_t n = static_cast<size_t>(width) * static_cast<size_t>(height);
+    view.luma_b.resize(n);
+    view.depth_b.resize(n);
+    const double f = view.bxf / view.baseline;
+    const double cx = centre(width), cy = centre(height);
+    for (int y = 0; y < height; ++y) {
+        const double dy = (y + view.readout.line[1] - cy) / f;
+        for (int x = 0; x < width; ++x) {
+            const size_t i =
+                static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
+            const Hit b = scene.cast(-view.baseline, (x + view.readout.column[1] - cx) / f, dy);
+            view.luma_b[i] = static_cast<uint16_t>(std::min(4095.0, std::round(b.luma * 16)));
+            view.depth_b[i] = static_cast<float>(b.z);
+        }
+    }
+}
+
+namespace {
+
+// The disparity between the two output images of a surface at depth z, in
+// 1/32 pixel: the geometric one plus what the trims add (A's window further
+// right moves B's match right).
+double image_disparity(const SceneView& view, double z) {
+    return 32.0 * (view.bxf / z + view.readout.column[0] - view.readout.column[1]);
+}
+
+// The matcher's search in an occluded pixel: the true match is hidden, so
+// the best of the window's candidates (sum of absolute differences over a
+// row segment) is a false one. 1/32 pixel, unbounded; -1 when the window
+// leaves B's image.
+int false_match(const SceneView& view, int x, int y, int range) {
+    constexpr int kHalf = 4;  // a 9-pixel row segment
+    const int w = view.width;
+    const size_t row = static_cast<size_t>(y) * static_cast<size_t>(w);
+    auto a = [&](int u) {
+        return int{view.luma_a[row + static_cast<size_t>(std::clamp(u, 0, w - 1))]};
+    };
+    auto cost = [&](int k) {
+        int sum = 0;
+        for (int i = -kHalf; i <= kHalf; ++i) {
+            const int ub = std::clamp(x + k + i, 0, w - 1);
+            sum += std::abs(a(x + i) - int{view.luma_b[row + static_cast<size_t>(ub)]});
+        }
+        return sum;
+    };
+    const int first = range, last = std::min(range + kWireMax / 32, w - 1 - x);
+    if (last < first) return -1;
+    int best = first, best_cost = cost(first);
+    for (int k = first + 1; k <= last; ++k) {
+        const int c = cost(k);
+        if (c < best_cost) {
+            best = k;
+            best_cost = c;
+        }
+    }
+    double sub = 0;  // parabola through the neighbouring costs
+    if (best > first && best < last) {
+        const double l = cost(best - 1), r = cost(best + 1), den = l - 2.0 * best_cost + r;
+        if (den > 0) sub = 0.5 * (l - r) / den;
+    }
+    return static_cast<int>(std::lround(32.0 * (best + sub)));
+}
+
+}  // namespace
+
+void processed_disparity(const SceneView& view, int range, std::vector<uint16_t>& out) {
     const size_t n = view.depth_a.size();
     out.assign(n, 0);
     for (size_t i = 0; i < n; ++i) {
         if (view.flags_a[i] & kPixelWindow) continue;  // saturated: nothing to match
-        out[i] = disparity_units(view.bxf, view.depth_a[i]);
+        if (disparity_units(view.bxf, view.depth_a[i]) == 0) continue;
+        out[i] = wire_disparity(
+            static_cast<int>(std::lround(image_disparity(view, view.depth_a[i]))), range);
     }
 }
 
-void raw_disparity(const SceneView& view, std::vector<uint16_t>& out) {
+void raw_disparity(const SceneView& view, int range, std::vector<uint16_t>& out) {
     const int w = view.width, h = view.height;
     out.assign(view.depth_a.size(), 0);
     const uint64_t seed = static_cast<uint64_t>(view.seed) << 32;
+    const int line_shift =
+        static_cast<int>(std::lround(view.readout.line[0] - view.readout.line[1]));
     for (int y = 0; y < h; ++y) {
         for (int x = 0; x < w; ++x) {
             const size_t i =
                 static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x);
             if (view.flags_a[i] & (kPixelWindow | kPixelTextureless)) continue;
             const float z = view.depth_a[i];
-            const uint16_t d = disparity_units(view.bxf, z);
-            if (d == 0) continue;
-            // Where sensor B would see this point; if it is off its image, or
-            // B sees something nearer there, the point is occluded.
-            const int xr = x - static_cast<int>(std::lround(d / 32.0));
-            if (xr < 0) continue;
-            const float zr = view.depth_b[static_cast<size_t>(y) * static_cast<size_t>(w) +
-                                          static_cast<size_t>(xr)];
-            if (zr > 0 && zr < z * 0.97f) continue;
+            if (disparity_units(view.bxf, z) == 0) continue;
+            const double d = image_disparity(view, z);
+            // Where B shows this point; off its image nothing matches, and if
+            // B sees something nearer there the point is occluded.
+            const int xb = x + static_cast<int>(std::lround(d / 32.0)), yb = y + line_shift;
+            if (xb < 0 || xb >= w || yb < 0 || yb >= h) continue;
+            const float zb = view.depth_b[static_cast<size_t>(yb) * static_cast<size_t>(w) +
+                                          static_cast<size_t>(xb)];
+            if (zb > 0 && zb < z * 0.97f) {
+                const int m = false_match(view, x, y, range);
+                if (m >= 0) out[i] = wire_disparity(m, range);
+                continue;
+            }
             const double r = unit_random(seed ^ (i * 0x2545F4914F6CDD1Dull) ^ 0x5EED);
             int noise = 0;
             if (r < 0.05)
@@ -350,7 +439,7 @@ void raw_disparity(const SceneView& view, std::vector<uint16_t>& out) {
                 noise = 1;
             else
                 noise = 2;
-            out[i] = static_cast<uint16_t>(std::clamp(d + noise, 1, 4095));
+            out[i] = wire_disparity(static_cast<int>(std::lround(d)) + noise, range);
         }
     }
     // Speckles: small patches of wrong matches, about one per 48 x 48 cell.

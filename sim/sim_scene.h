@@ -1,10 +1,13 @@
 // Scenes with known geometry and their rendering for the two sensors.
 //
-// Coordinates: millimetres, sensor A (the left one) at the origin looking
-// along +z, x to the right, y downwards (like image rows); sensor B sits at
-// (baseline, 0, 0) with the same orientation (an ideally rectified pair).
-// Pixel (u, v) sees along ((u - cx) / f, (v - cy) / f, 1) with f = bxf /
-// baseline, so the parameter of a hit along that ray is its depth z.
+// Coordinates: millimetres, sensor A (the right one: its image is the colour
+// image and the reference of the disparity) at the origin looking along +z,
+// x to the right, y downwards (like image rows); sensor B, the left one, sits
+// at (-baseline, 0, 0) with the same orientation (an ideally rectified pair),
+// so a point that A sees at column u, B sees at column u + bxf / z. Pixel
+// (u, v) sees along ((u - cx) / f, (v - cy) / f, 1) with f = bxf / baseline
+// and the principal point (cx, cy) at (width / 2, height / 2) in whole pixels,
+// so the parameter of a hit along that ray is its depth z.
 #ifndef KSSIM_SIM_SCENE_H
 #define KSSIM_SIM_SCENE_H
 
@@ -63,6 +66,19 @@ class Scene {
     std::vector<Material> materials_;
 };
 
+// Where each sensor's readout window starts, as the ASIC's trims (columns)
+// and line offsets (lines) set it: output pixel (u, v) of a sensor shows what
+// its camera pixel (u + column, v + line) sees. Index 0: sensor A, 1: sensor B.
+struct Readout {
+    double column[2] = {0, 0};
+    double line[2] = {0, 0};
+    bool operator==(const Readout& o) const {
+        return column[0] == o.column[0] && column[1] == o.column[1] && line[0] == o.line[0] &&
+               line[1] == o.line[1];
+    }
+    bool operator!=(const Readout& o) const { return !(*this == o); }
+};
+
 // Per-pixel flags of a rendered view (sensor A).
 enum : uint8_t {
     kPixelTextureless = 1,
@@ -73,28 +89,40 @@ enum : uint8_t {
 struct SceneView {
     int width = 0, height = 0;
     double bxf = 0, baseline = 0;
+    Readout readout;
     std::vector<uint16_t> luma_a;   // 12-bit luma of sensor A
-    std::vector<uint16_t> luma_b;   // 12-bit luma of sensor B
+    std::vector<uint16_t> luma_b;   // 12-bit luma of sensor B (empty until rendered)
     std::vector<uint8_t> u_a, v_a;  // I420 chroma of sensor A, (width/2) x (height/2)
-    std::vector<float> depth_a;     // depth per pixel of sensor A (0: none)
-    std::vector<float> depth_b;     // depth per pixel of sensor B
+    std::vector<float> depth_a;     // depth per output pixel of sensor A (0: none)
+    std::vector<float> depth_b;     // depth per output pixel of sensor B
     std::vector<uint8_t> flags_a;
     uint32_t seed = 0;
 };
 
+// Renders sensor A; sensor B, which only the pair and raw channels need,
+// is added by render_sensor_b.
 std::shared_ptr<SceneView> render_view(const Scene& scene, int width, int height, double bxf,
-                                       double baseline);
+                                       double baseline, const Readout& readout = Readout{});
+void render_sensor_b(const Scene& scene, SceneView& view);
 
-// Depth of pixel (x, y) of sensor A, by casting its ray (no rendering).
-double true_depth(const Scene& scene, int width, int height, double bxf, double baseline, double x,
-                  double y);
+// Depth of output pixel (x, y) of sensor A, by casting its ray (no rendering).
+double true_depth(const Scene& scene, int width, int height, double bxf, double baseline,
+                  const Readout& readout, double x, double y);
 
-// round(32 x bxf / z) when within 1..4095, else 0.
+// round(32 x bxf / z) (1/32 pixel); 0 when nothing is hit or it needs more
+// than the 13 bits of a disparity sample.
 uint16_t disparity_units(double bxf, double z);
 
-// Disparity planes of the two disparity channels, image rows, width x height.
-void processed_disparity(const SceneView& view, std::vector<uint16_t>& out);
-void raw_disparity(const SceneView& view, std::vector<uint16_t>& out);
+// What the matcher sends for a disparity of `units` when its window of 4095
+// units starts at 32 x range: units - 32 x range within 1..4095, else 0.
+uint16_t wire_disparity(int units, int range);
+
+// Disparity planes of the two disparity channels as sent (search range
+// applied), image rows, width x height. The raw matcher searches B's row to
+// the right of each pixel: occluded pixels get the false match the search
+// finds, pixels without texture and matches off B's image none.
+void processed_disparity(const SceneView& view, int range, std::vector<uint16_t>& out);
+void raw_disparity(const SceneView& view, int range, std::vector<uint16_t>& out);
 
 // Deterministic hash-based random numbers.
 uint64_t mix64(uint64_t x);

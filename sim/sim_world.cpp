@@ -131,19 +131,32 @@ const ks_platform_ops kBackend = {
 
 // ---- frame cache ---------------------------------------------------------------------
 
-std::shared_ptr<const SourceFrame> FrameCache::get(const kssim_scene& scene, int width, int height,
-                                                   double bxf, double baseline, uint8_t channel,
-                                                   int brightness) {
-    const kssim_scene s = Scene::normalized(scene);
-    const ViewKey vk{static_cast<int>(s.kind), s.distance_mm, s.seed, width, height, bxf, baseline};
-    const FrameKey fk{vk, channel, brightness};
+std::shared_ptr<const SourceFrame> FrameCache::get(const FrameParams& params) {
+    const kssim_scene s = Scene::normalized(params.scene);
+    const Readout& r = params.readout;
+    const ViewKey vk{static_cast<int>(s.kind),
+                     s.distance_mm,
+                     s.seed,
+                     params.width,
+                     params.height,
+                     params.bxf,
+                     params.baseline,
+                     r.column[0],
+                     r.column[1],
+                     r.line[0],
+                     r.line[1]};
+    const FrameKey fk{vk, params.channel, params.brightness, params.search_range};
     std::lock_guard<std::mutex> lk(mu_);
     auto fit = frames_.find(fk);
     if (fit != frames_.end()) return fit->second;
     std::shared_ptr<SceneView>& view = views_[vk];
-    if (view == nullptr) view = render_view(Scene(s), width, height, bxf, baseline);
-    std::shared_ptr<const SourceFrame> frame = encode_frame(*view, channel, brightness);
-    if (brightness != 0 && frames_.size() >= 32) {
+    if (view == nullptr)
+        view = render_view(Scene(s), params.width, params.height, params.bxf, params.baseline, r);
+    if (params.channel != KSSIM_CHANNEL_RGBD && view->luma_b.empty())
+        render_sensor_b(Scene(s), *view);
+    std::shared_ptr<const SourceFrame> frame =
+        encode_frame(*view, params.channel, params.brightness, params.search_range);
+    if (params.brightness != 0 && frames_.size() >= 32) {
         // Exposure sweeps would fill memory: forget the other scaled frames
         // (cameras keep the one they use).
         for (auto it = frames_.begin(); it != frames_.end();)
@@ -229,6 +242,7 @@ Camera* World::add_camera(Camera::Kind kind, const kssim_camera_config& in) {
     if (cfg.pcb_revision > 15) return nullptr;
     if (!(cfg.imu_rate >= 1 && cfg.imu_rate <= 4000)) return nullptr;
     if (cfg.imu_records_per_reply > 16) return nullptr;
+    if (!(cfg.late_reply_share >= 0 && cfg.late_reply_share <= 1)) return nullptr;
     cfg.scene = Scene::normalized(cfg.scene);
     cfg.first_frame_id &= kFrameIdMask;
 

@@ -35,13 +35,12 @@ namespace kssim {
 // Rendered views and encoded frames, shared by every camera of a world.
 class FrameCache {
   public:
-    std::shared_ptr<const SourceFrame> get(const kssim_scene& scene, int width, int height,
-                                           double bxf, double baseline, uint8_t channel,
-                                           int brightness = 0);
+    std::shared_ptr<const SourceFrame> get(const FrameParams& params);
 
   private:
-    using ViewKey = std::tuple<int, double, uint32_t, int, int, double, double>;
-    using FrameKey = std::tuple<ViewKey, uint8_t, int>;
+    using ViewKey =
+        std::tuple<int, double, uint32_t, int, int, double, double, double, double, double, double>;
+    using FrameKey = std::tuple<ViewKey, uint8_t, int, int>;
     std::mutex mu_;
     std::map<ViewKey, std::shared_ptr<SceneView>> views_;
     std::map<FrameKey, std::shared_ptr<const SourceFrame>> frames_;

@@ -14,7 +14,10 @@
 
 // The grey plane and the disparity plane (row y from source line y + 3,
 // row 0 and the last three rows empty), with the depth along the optical
-// axis per pixel.
+// axis per pixel. On the processed channel the plane is registered to the
+// grey image; on the raw channel it carries the disparity of the pixel 3 rows
+// up and 22 columns left (the processing reads it there and writes its
+// output registered to the image).
 struct SceneFrame {
     uint16_t width = 0, height = 0;
     float bxf = 0.0f, baseline = 0.0f;
@@ -59,17 +62,30 @@ struct SceneFrame {
     }
 };
 
+// How a map lies on the image: the truth of its pixel (r, c) is that of
+// image pixel (r + rows, c + cols); `grid` is the size of the blocks it was
+// computed on (the processing works on 2 x 2 blocks above 640 columns), and a
+// value true for some pixel of its block is no wrong match.
+struct Registration {
+    int rows, cols, grid;
+};
+constexpr Registration kRawPlane{-3, -22, 1};  // the raw channel's plane as parsed
+constexpr Registration kImageHalfGrid{0, 0, 2};
+
 struct MapQuality {
     double valid_share = 0.0;    // non-zero pixels / pixels looked at
-    double outlier_share = 0.0;  // valid pixels more than 10 % off the truth
+    double outlier_share = 0.0;  // valid pixels more than 10 % off the truth of their block
     double mean_error_mm = 0.0;  // mean |32 x bxf / d - truth| over valid pixels with truth
 };
 
-// Over the pixels at least margin away from every edge; the truth of pixel
-// (r, c) is looked up at (r + truth_rows, c + truth_cols), since the
-// processing outputs carry the disparity of a pixel further down and right.
-inline MapQuality map_quality(const SceneFrame& f, const std::vector<uint16_t>& d, int margin = 0,
-                              int truth_rows = 0, int truth_cols = 0) {
+// Over the pixels at least margin away from every edge.
+inline MapQuality map_quality(const SceneFrame& f, const std::vector<uint16_t>& d, Registration reg,
+                              int margin = 0) {
+    auto truth = [&](int r, int c) {
+        const int tr = r + reg.rows, tc = c + reg.cols;
+        if (tr < 0 || tr >= f.height || tc < 0 || tc >= f.width) return 0.0;
+        return f.truth_mm[size_t(tr) * f.width + size_t(tc)];
+    };
     size_t pixels = 0, valid = 0, compared = 0, outliers = 0;
     double error = 0.0;
     for (int r = margin; r < f.height - margin; ++r) {
@@ -77,14 +93,20 @@ inline MapQuality map_quality(const SceneFrame& f, const std::vector<uint16_t>& 
             const uint16_t v = d[size_t(r) * f.width + c];
             if (v == 0) continue;
             ++valid;
-            const int tr = r + truth_rows, tc = c + truth_cols;
-            if (tr < 0 || tr >= f.height || tc < 0 || tc >= f.width) continue;
-            const double t = f.truth_mm[size_t(tr) * f.width + size_t(tc)];
+            const double t = truth(r, c);
             if (!(t > 0.0)) continue;
-            const double e = std::fabs(32.0 * f.bxf / v - t);
-            error += e;
-            outliers += e > 0.1 * t;
+            const double z = 32.0 * f.bxf / v;
+            error += std::fabs(z - t);
             ++compared;
+            bool wrong = true;
+            const int r0 = r - r % reg.grid, c0 = c - c % reg.grid;
+            for (int br = r0; br < r0 + reg.grid; ++br) {
+                for (int bc = c0; bc < c0 + reg.grid; ++bc) {
+                    const double bt = truth(br, bc);
+                    wrong = wrong && !(bt > 0.0 && std::fabs(z - bt) <= 0.1 * bt);
+                }
+            }
+            outliers += wrong;
         }
     }
     MapQuality q;

@@ -27,17 +27,18 @@ TEST(PointCloud, FlatWallMatchesTheSceneGroundTruth) {
             const double truth = f.truth_mm[r * f.width + c];
             ASSERT_GT(truth, 0.0);
             worst_z = std::max(worst_z, std::fabs(z[k] - truth) / truth);
-            // Metric position of the pixel on the wall, image centre as origin:
-            // left of it is negative X, above it positive Y.
-            const double tx = (c - (f.width - 1) / 2.0) * truth / focal;
-            const double ty = ((f.height - 1) / 2.0 - r) * truth / focal;
+            // Metric position of the pixel on the wall, the principal point
+            // (width / 2, height / 2) as origin: left of it is negative X,
+            // above it positive Y.
+            const double tx = (c - f.width / 2) * truth / focal;
+            const double ty = (f.height / 2 - r) * truth / focal;
             worst_xy = std::max({worst_xy, std::fabs(x[k] - tx), std::fabs(y[k] - ty)});
             ++k;
         }
     }
     EXPECT_EQ(count, k);
-    EXPECT_LT(worst_z, 0.002);                        // disparity steps of 1/32 pixel
-    EXPECT_LT(worst_xy, 1.0 * 1500.0 / focal + 2.0);  // within a pixel on the wall
+    EXPECT_LT(worst_z, 0.002);                   // disparity steps of 1/32 pixel
+    EXPECT_LT(worst_xy, 0.25 * 1500.0 / focal);  // within a quarter pixel on the wall
 }
 
 TEST(RoomScene, SpeckleRemovalBringsTheRawDisparityCloserToTheTruth) {
@@ -51,11 +52,11 @@ TEST(RoomScene, SpeckleRemovalBringsTheRawDisparityCloserToTheTruth) {
     ASSERT_EQ(0, cam.filter_disparity(f.width, f.height, filtered.data(), f.grey.data()));
 
     // Over the area both operations process (their border is always
-    // cleared); their outputs carry the disparity of the pixel 3 rows down
-    // and 22 columns right, so that is where their truth is looked up.
-    const MapQuality raw = map_quality(f, f.disparity, 40),
-                     dense = map_quality(f, densified, 40, 3, 22),
-                     filter = map_quality(f, filtered, 40, 3, 22);
+    // cleared). Their outputs are registered to the grey image, the raw
+    // plane is not: each is compared with the truth of the pixel it describes.
+    const MapQuality raw = map_quality(f, f.disparity, kRawPlane, 40),
+                     dense = map_quality(f, densified, kImageHalfGrid, 40),
+                     filter = map_quality(f, filtered, kImageHalfGrid, 40);
     // The raw map's speckles are wrong matches: the filter removes them.
     EXPECT_GT(raw.outlier_share, 0.002);
     EXPECT_LT(filter.outlier_share, raw.outlier_share / 10);

@@ -54,9 +54,13 @@ class Frame {
     uint8_t chroma(int k, int line) const {
         return static_cast<uint8_t>((at(2 * k, line).n << 4) | at(2 * k + 1, line).n);
     }
-    // Disparity (1/32 pixel) of image row r: it arrives three lines later.
+    // Disparity (1/32 pixel) of image pixel (x, row) on the processed
+    // channel: it arrives three lines later.
     uint16_t disparity(int x, int row) const { return at(x, row + 3).v; }
     int disparity_rows() const { return h_ - 3; }
+    // The same on the raw channel: six lines and 22 columns later (for x
+    // below width - 22 and rows below height - 6).
+    uint16_t raw_disparity(int x, int row) const { return at(x + 22, row + 6).v; }
 
   private:
     const uint8_t* d_;

@@ -22,7 +22,7 @@ class SimCapture : public SimTest {
     void SetUp() override {
         SimTest::SetUp();
         ASSERT_EQ(0, kssim_world_set_warp(world_, 8.0));
-        cam_ = add_camera();
+        cam_ = add_camera([](kssim_camera_config& c) { c.initial_size = {640, 480}; });
         ASSERT_NE(cam_, nullptr);
     }
     const char* node() { return kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE); }
@@ -34,14 +34,16 @@ class SimCapture : public SimTest {
 TEST_F(SimCapture, RawPathNegotiatesMapsAndStreamsNumberedFrames) {
     Capture c;
     ASSERT_TRUE(c.open(kssim_camera_by_id_link(cam_, KSSIM_NODE_CAPTURE)));
-    // The format is adjusted to a supported size; TRY_FMT answers the camera's format.
+    // The format is adjusted to the size of the ASIC's EPR, the only one
+    // offered (though the camera's flash holds an EPR for 1280 x 720 too);
+    // TRY_FMT answers the camera's format.
     v4l2_format f;
-    ASSERT_EQ(0, c.set_format(1300, 700, &f));
-    EXPECT_EQ(1280u, f.fmt.pix.width);
-    EXPECT_EQ(720u, f.fmt.pix.height);
+    ASSERT_EQ(0, c.set_format(1280, 720, &f));
+    EXPECT_EQ(640u, f.fmt.pix.width);
+    EXPECT_EQ(480u, f.fmt.pix.height);
     EXPECT_EQ(V4L2_FIELD_NONE, f.fmt.pix.field);
-    EXPECT_EQ(1280u * 3, f.fmt.pix.bytesperline);
-    EXPECT_EQ(2764800u, f.fmt.pix.sizeimage);
+    EXPECT_EQ(640u * 3, f.fmt.pix.bytesperline);
+    EXPECT_EQ(921600u, f.fmt.pix.sizeimage);
     f.fmt.pix.pixelformat = V4L2_PIX_FMT_YUYV;
     ASSERT_EQ(0, ioctl_errno(c.fd(), VIDIOC_TRY_FMT, &f));
     EXPECT_EQ(V4L2_PIX_FMT_BGR24, f.fmt.pix.pixelformat);
@@ -229,16 +231,17 @@ TEST_F(SimCapture, RequestsAreCheckedAndTheQueueBelongsToItsDescriptor) {
     c.unmap();
 }
 
-TEST_F(SimCapture, FramesStopWhileTheAsicIsHeldOrTheSensorsStandBy) {
+TEST_F(SimCapture, FramesStopWhileTheAsicIsHeldOrBootsOrTheSensorsStandBy) {
     Capture c;
     c.start(node());
     xutest::Client xu;
     ASSERT_TRUE(xu.open(node()));
     std::vector<uint8_t> f;
     ASSERT_EQ(0, c.next_frame(f));
-    // A new effective EPR takes effect at the next power-up.
+    // A new effective EPR (another size and constants) takes effect at the
+    // next power-up.
     std::vector<uint8_t> img(KSSIM_EPR_SIZE);
-    ASSERT_EQ(0, kssim_epr_build(img.data(), 640, 480, 20000.0, 60.0, 5));
+    ASSERT_EQ(0, kssim_epr_build(img.data(), 1280, 720, 20000.0, 60.0, 5));
     ASSERT_EQ(0, kssim_camera_eeprom_write(cam_, 0, img.data(), img.size()));
     ASSERT_EQ(0, xu.set_asic(0));
     // Frames in the buffers may still come out; then nothing.
@@ -250,21 +253,29 @@ TEST_F(SimCapture, FramesStopWhileTheAsicIsHeldOrTheSensorsStandBy) {
     EXPECT_EQ(before.frames_produced, after.frames_produced);
     EXPECT_EQ(before.next_frame_id, after.next_frame_id);
 
+    kssim_camera_traffic_clear(cam_);
     ASSERT_EQ(0, xu.set_asic(1));
-    // The new stereo constants make the frame thread render the view again
-    // first, which takes a real quarter second under ThreadSanitizer.
-    ASSERT_EQ(0, c.next_frame(f, nullptr, 30000));
-    EXPECT_TRUE(frame_test::Frame(f.data(), 640, 480).markers_ok());
+    kssim_message release;
+    ASSERT_EQ(0, kssim_camera_traffic_get(cam_, 0, &release));
+    // The first frame comes once the ASIC has booted (2 s) and read its EPR
+    // (276.48 ms); the view is rendered again first, which takes a real
+    // quarter second under ThreadSanitizer. The ASIC now sends 1280 x 720
+    // frames: into these buffers they arrive cut.
+    v4l2_buffer b;
+    ASSERT_EQ(0, c.next_frame(f, &b, 30000));
+    EXPECT_GE(b.timestamp.tv_sec * 1000000 + b.timestamp.tv_usec,
+              static_cast<int64_t>(release.time_us) + 2276480);
+    EXPECT_EQ(640u * 480 * 3, b.bytesused);
+    EXPECT_TRUE(frame_test::Frame(f.data(), 1280, 1).markers_ok());
     // The metadata line then carries its constants (the new view is rendered first).
     bool loaded = false;
     for (int i = 0; i < 30 && !loaded; ++i) {
         ASSERT_EQ(0, c.next_frame(f, nullptr, 30000));
-        const frame_test::Frame fr(f.data(), 640, 480);
+        const frame_test::Frame fr(f.data(), 1280, 1);
         loaded = fr.bf() == 20000.0 && fr.base() == 60.0;
     }
     EXPECT_TRUE(loaded);
 
-    ks_sys_usleep(50000);  // the ASIC answers once it has loaded its EPR
     ASSERT_EQ(0, xu.asic_write(0xF0, 3));
     ASSERT_EQ(0, xu.sensor_write(0x0100, 0));
     while (c.next_frame(f, nullptr, 300) == 0) {
@@ -272,4 +283,19 @@ TEST_F(SimCapture, FramesStopWhileTheAsicIsHeldOrTheSensorsStandBy) {
     EXPECT_EQ(ETIMEDOUT, c.next_frame(f, nullptr, 300));
     ASSERT_EQ(0, xu.sensor_write(0x0100, 1));
     EXPECT_EQ(0, c.next_frame(f));
+
+    // Without buffers the node offers the new EPR's size alone.
+    c.close();
+    Capture d;
+    ASSERT_TRUE(d.open(node()));
+    v4l2_format fmt;
+    ASSERT_EQ(0, d.set_format(640, 480, &fmt));
+    EXPECT_EQ(1280u, fmt.fmt.pix.width);
+    EXPECT_EQ(720u, fmt.fmt.pix.height);
+    v4l2_frmsizeenum size{};
+    size.pixel_format = V4L2_PIX_FMT_BGR24;
+    ASSERT_EQ(0, ioctl_errno(d.fd(), VIDIOC_ENUM_FRAMESIZES, &size));
+    EXPECT_EQ(1280u, size.discrete.width);
+    size.index = 1;
+    EXPECT_EQ(EINVAL, ioctl_errno(d.fd(), VIDIOC_ENUM_FRAMESIZES, &size));
 }

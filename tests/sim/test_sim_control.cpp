@@ -2,6 +2,7 @@
 // firmware's framing and commands, the chips behind it (with the sensors'
 // exposure and gain as seen in the frames) and the control faults, spoken
 // with the tests' own protocol client.
+#include <algorithm>
 #include <cmath>
 
 #include "frame_decoder.h"
@@ -20,7 +21,8 @@ class SimControl : public SimTest {
     void SetUp() override {
         SimTest::SetUp();
         ASSERT_EQ(0, kssim_world_set_warp(world_, 50.0));
-        cam_ = add_camera();
+        // Every reply at the first read, so that blocks can be followed one by one.
+        cam_ = add_camera([](kssim_camera_config& c) { c.late_reply_share = 0; });
         ASSERT_NE(cam_, nullptr);
         ASSERT_TRUE(xu_.open(kssim_camera_node_path(cam_, KSSIM_NODE_CAPTURE)));
     }
@@ -39,11 +41,13 @@ class SimControl : public SimTest {
         EXPECT_EQ(0, xu_.i2c_read(0xCD, 0x08, 8, &r));
         return {uint32_t{r[0]} << 8 | r[1], xutest::be32(&r[4])};
     }
-    // Waits (virtual time) until the ASIC answers after a power-up.
+    // Waits (virtual time) until the ASIC answers after a power-up, then
+    // for the 276.48 ms it takes to read its EPR.
     void wait_asic() {
         uint8_t v = 0;
-        for (int i = 0; i < 100 && xu_.asic_read(0x1F, &v) != 0; ++i) ks_sys_usleep(10000);
+        for (int i = 0; i < 100 && xu_.asic_read(0x1F, &v) != 0; ++i) ks_sys_usleep(100000);
         ASSERT_EQ(0x34, v);
+        ks_sys_usleep(280000);
     }
     void power_cycle() {
         ASSERT_EQ(0, xu_.set_asic(0));
@@ -447,4 +451,129 @@ TEST_F(SimControl, ImuFifoHoldsAtMost1024SamplesAndRepliesCarryTenRecords) {
                       m.data[i + 14] | m.data[i + 15] << 8);
         }
     }
+}
+
+TEST_F(SimControl, DeviceTimesBootBridgeEepromUpdateAndLateReplies) {
+    // Released from reset, the ASIC boots for 2 s (no acknowledge), then
+    // reads its EPR for 276.48 ms (0xF0 reads 0): so the requests' times in
+    // the record show. (A slower clock, to see the phases.)
+    ASSERT_EQ(0, kssim_world_set_warp(world_, 5.0));
+    ASSERT_EQ(0, xu_.set_asic(0));
+    kssim_camera_traffic_clear(cam_);
+    ASSERT_EQ(0, xu_.set_asic(1));
+    uint8_t v = 0;
+    int e = EIO;
+    for (int i = 0; i < 400 && (e != 0 || v != 0xEA); ++i) {
+        ks_sys_usleep(10000);
+        e = xu_.asic_read(0xF0, &v);
+    }
+    ASSERT_EQ(0, e);
+    ASSERT_EQ(0xEA, v);
+    std::vector<kssim_message> record(kssim_camera_traffic_count(cam_));
+    for (size_t i = 0; i < record.size(); ++i)
+        ASSERT_EQ(0, kssim_camera_traffic_get(cam_, i, &record[i]));
+    ASSERT_EQ(14u, record.at(0).command);
+    const uint64_t release = record[0].time_us;
+    int refused = 0;
+    for (size_t i = 2; i < record.size(); ++i) {
+        if (record[i].direction != KSSIM_REQUEST) continue;
+        const uint64_t t = record[i].time_us - release;
+        if (record[i].outcome == EIO) {
+            ++refused;
+            EXPECT_LT(t, 2000000u);
+            continue;
+        }
+        EXPECT_GE(t, 2000000u);
+        ASSERT_LT(i + 1, record.size());
+        EXPECT_EQ(t < 2276480 ? 0x00 : 0xEA, record[i + 1].data[0]) << t;
+    }
+    EXPECT_GT(refused, 0);
+
+    // The bridge takes a command every 5 ms; one that comes sooner is lost.
+    // (While the clock crawls, the two writes are microseconds apart.)
+    ASSERT_EQ(0, kssim_world_set_warp(world_, 50.0));
+    ASSERT_EQ(0, xu_.asic_write(0xF0, 3));
+    const uint8_t count = state().sensor_counter[0];
+    kssim_camera_traffic_clear(cam_);
+    ASSERT_EQ(0, kssim_world_set_warp(world_, 0.001));
+    ASSERT_EQ(0, xu_.i2c_write(0xCC, 0xF1, {0x35, 0x09, 0x00, 0x20}));  // gain := 0x20
+    ASSERT_EQ(0, xu_.asic_write(0xF4, 0x30));                           // lost
+    ASSERT_EQ(0, kssim_world_set_warp(world_, 50.0));
+    uint8_t gain = 0;
+    ASSERT_EQ(0, kssim_camera_register_read(cam_, KSSIM_CHIP_SENSOR_B, 0x3509, &gain));
+    EXPECT_EQ(0x20, gain);
+    EXPECT_EQ((count + 1) & 0x0F, state().sensor_counter[0]);
+    ks_sys_usleep(5000);
+    ASSERT_EQ(0, xu_.asic_write(0xF4, 0x30));  // taken
+    ASSERT_EQ(0, kssim_camera_register_read(cam_, KSSIM_CHIP_SENSOR_A, 0x3509, &gain));
+    EXPECT_EQ(0x30, gain);
+    EXPECT_EQ((count + 2) & 0x0F, state().sensor_counter[1]);
+    kssim_message first, lost, taken;
+    ASSERT_EQ(0, kssim_camera_traffic_get(cam_, 0, &first));
+    ASSERT_EQ(0, kssim_camera_traffic_get(cam_, 2, &lost));
+    ASSERT_EQ(0, kssim_camera_traffic_get(cam_, 4, &taken));
+    EXPECT_LT(lost.time_us - first.time_us, 5000u);
+    EXPECT_GE(taken.time_us - first.time_us, 5000u);
+
+    // The EEPROM update is acknowledged at once; then the controller answers
+    // nothing until its copy (here made 20 s long) is done.
+    ASSERT_EQ(0, inject(KSSIM_FAULT_SLOW_EEPROM_UPDATE, 1, 20000));
+    kssim_camera_traffic_clear(cam_);
+    Message ack;
+    ASSERT_EQ(0, xu_.exchange(5, 0, {1}, &ack));
+    EXPECT_EQ(5u | xutest::kReply, ack.command);
+    EXPECT_EQ(1, state().eeprom_busy);
+    std::string text;
+    for (int i = 0; i < 100 && (e = xu_.version(&text)) == EIO; ++i) ks_sys_usleep(1000000);
+    ASSERT_EQ(0, e);
+    record.assign(kssim_camera_traffic_count(cam_), kssim_message{});
+    for (size_t i = 0; i < record.size(); ++i)
+        ASSERT_EQ(0, kssim_camera_traffic_get(cam_, i, &record[i]));
+    ASSERT_EQ(4u, record.size());  // the refused queries never reached the firmware
+    EXPECT_EQ(5u | xutest::kReply, record[1].command);
+    EXPECT_GE(record[2].time_us - record[1].time_us, 20000000u);
+    std::vector<uint8_t> slot(KSSIM_EPR_SIZE), effective(KSSIM_EPR_SIZE);
+    ASSERT_EQ(0, kssim_camera_flash_read(cam_, 102 * 4096, slot.data(), slot.size()));
+    ASSERT_EQ(0, kssim_camera_eeprom_read(cam_, 0, effective.data(), effective.size()));
+    EXPECT_EQ(slot, effective);
+
+    // Now and then a reply is ready only at the second read: the first gets
+    // the block without the reply flag. Which ones, the seed decides.
+    auto schedule = [&] {
+        kssim_camera* cam = add_camera([](kssim_camera_config& c) {
+            c.late_reply_share = 0.5;
+            c.late_reply_seed = 9;
+        });
+        EXPECT_NE(nullptr, cam);
+        Client client;
+        EXPECT_TRUE(client.open(kssim_camera_node_path(cam, KSSIM_NODE_CAPTURE)));
+        std::vector<int> reads;
+        for (uint32_t id = 1; id <= 40; ++id) {
+            Block b{};
+            client.send(xutest::request(id, 15, 0, {}));
+            int n = 0;
+            for (Message m; n < 3 && (m.command & xutest::kReply) == 0; ++n) {
+                EXPECT_EQ(0, client.receive(b));
+                m = Message::parse(b);
+                if ((m.command & xutest::kReply) == 0) {
+                    EXPECT_EQ(id, m.id);
+                    EXPECT_EQ(15u, m.command);
+                    EXPECT_EQ(0u, m.length);
+                }
+            }
+            reads.push_back(n);
+        }
+        kssim_control_stats st;
+        EXPECT_EQ(0, kssim_camera_control_stats(cam, &st));
+        EXPECT_EQ(static_cast<uint64_t>(std::count(reads.begin(), reads.end(), 2)),
+                  st.late_replies);
+        EXPECT_EQ(80u, kssim_camera_traffic_count(cam));  // requests and replies only
+        return reads;
+    };
+    const std::vector<int> reads = schedule();
+    EXPECT_EQ(reads, schedule());
+    const long late = std::count(reads.begin(), reads.end(), 2);
+    EXPECT_GT(late, 8);
+    EXPECT_LT(late, 32);
+    EXPECT_EQ(40 - late, std::count(reads.begin(), reads.end(), 1));
 }

@@ -116,6 +116,18 @@ TEST_F(SimFaults, FrameAndBufferFaultsHaveTheirDocumentedEffects) {
         prev = id;
     }
     EXPECT_EQ(0, kssim_camera_fault_active(cam_, KSSIM_FAULT_BAD_MARKER));
+    // Frames two bytes late: zeros, then the frame (the host finds its
+    // channel byte at 104 then), its last two bytes cut.
+    ASSERT_EQ(0, inject(KSSIM_FAULT_LATE_FRAME, 1, 0, 2));
+    EXPECT_EQ(0x00, next(&id));
+    EXPECT_EQ(0x00, buf[1]);
+    EXPECT_EQ(0xCE, buf[2]);
+    EXPECT_EQ(KSSIM_CHANNEL_RGBD, buf[104]);
+    EXPECT_EQ(prev + 1, frame_test::Frame(buf.data() + 2, 640, 1).frame_id());
+    EXPECT_EQ(0xCE, next(&id));
+    EXPECT_EQ(prev + 2, id);
+    prev = id;
+    EXPECT_EQ(-1, inject(KSSIM_FAULT_LATE_FRAME, 1, 0, 3));
 
     // Fewer buffers for one request; more than 32 cannot be armed.
     Capture c;

@@ -36,14 +36,24 @@ struct DisparityCheck {
     long valid = 0, total = 0, within1 = 0, within2 = 0, exact = 0, speckle = 0;
 };
 
-// Compares every disparity with 32 x bxf / ground truth, in disparity units.
-DisparityCheck check_disparity(kssim_camera* cam, const Frame& f) {
+// The ground truth of every image pixel, in mm.
+std::vector<double> truth_of(kssim_camera* cam) {
+    std::vector<double> t(size_t{kW} * kH);
+    for (int row = 0; row < kH; ++row)
+        for (int x = 0; x < kW; ++x)
+            EXPECT_EQ(0, kssim_camera_true_distance(cam, x, row, &t[size_t(row) * kW + x]));
+    return t;
+}
+
+// Compares every disparity with 32 x bxf / ground truth of its image pixel,
+// in disparity units (raw: the raw channel's place in the frame).
+DisparityCheck check_disparity(const std::vector<double>& truth, const Frame& f, bool raw = false) {
     DisparityCheck r;
-    for (int row = 1; row < f.disparity_rows(); ++row) {
-        for (int x = 0; x < f.width(); ++x, ++r.total) {
-            double gt = 0;
-            EXPECT_EQ(0, kssim_camera_true_distance(cam, x, row, &gt));
-            const uint16_t v = f.disparity(x, row);
+    const int rows = raw ? kH - 6 : f.disparity_rows(), columns = raw ? kW - 22 : kW;
+    for (int row = 1; row < rows; ++row) {
+        for (int x = 0; x < columns; ++x, ++r.total) {
+            const double gt = truth[size_t(row) * kW + x];
+            const uint16_t v = raw ? f.raw_disparity(x, row) : f.disparity(x, row);
             if (v == 0) continue;
             ++r.valid;
             const double err = std::fabs(v - 32.0 * f.bf() / gt);
@@ -96,10 +106,10 @@ TEST_F(SimFrames, MetadataLineCarriesMarkersConstantsChannelAWrapping36BitIdAndT
     EXPECT_NE(0xCE, yuyv[0]);
 }
 
-TEST_F(SimFrames, ProcessedDisparityOfAWallIsValidAndExactEverywhere) {
+TEST_F(SimFrames, ProcessedDisparityOfAWallIsExactWithinTheSearchWindow) {
     kssim_camera* wall = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_RGBD, 1, 1500);
     const std::vector<uint8_t> wb = produce(wall);
-    const DisparityCheck w = check_disparity(wall, Frame(wb.data(), kW, kH));
+    const DisparityCheck w = check_disparity(truth_of(wall), Frame(wb.data(), kW, kH));
     EXPECT_EQ(w.total, w.valid);
     EXPECT_EQ(w.valid, w.within1);
     double gt = 0;
@@ -113,10 +123,39 @@ TEST_F(SimFrames, ProcessedDisparityOfAWallIsValidAndExactEverywhere) {
     // A new scene is rendered at once.
     kssim_scene s = {KSSIM_SCENE_WALL, 2000, 1};
     ASSERT_EQ(0, kssim_camera_set_scene(wall, &s));
-    EXPECT_EQ(560, Frame(produce(wall).data(), kW, kH).disparity(100, 100));
+    auto at_100 = [&] { return Frame(produce(wall).data(), kW, kH).disparity(100, 100); };
+    EXPECT_EQ(560, at_100());
+
+    // The matcher's window starts at 32 x the search range (ASIC 0x42): the
+    // frame carries the disparity minus that, 0 outside 1..4095. A wall at
+    // 200 mm (5600) is out of reach without a range.
+    const std::pair<uint8_t, uint16_t> ranges[] = {{10, 560 - 320}, {17, 560 - 544}, {18, 0}};
+    for (auto [range, sent] : ranges) {
+        ASSERT_EQ(0, kssim_camera_register_write(wall, KSSIM_CHIP_ASIC, 0x42, range));
+        EXPECT_EQ(sent, at_100()) << int{range};
+    }
+    s.distance_mm = 200;
+    ASSERT_EQ(0, kssim_camera_set_scene(wall, &s));
+    ASSERT_EQ(0, kssim_camera_true_disparity(wall, 100, 100, &v));
+    EXPECT_EQ(5600, v);
+    ASSERT_EQ(0, kssim_camera_register_write(wall, KSSIM_CHIP_ASIC, 0x42, 0));
+    EXPECT_EQ(0, at_100());
+    ASSERT_EQ(0, kssim_camera_register_write(wall, KSSIM_CHIP_ASIC, 0x42, 60));
+    EXPECT_EQ(5600 - 1920, at_100());
+
+    // The principal point lies at (width / 2, height / 2): with f = 35000 /
+    // 50 = 700 pixels the room's ceiling (1.2 m up) is 2.8 m away 300 rows
+    // above it, its left wall (1.5 m aside) 2.1 m away 500 columns left of it.
+    kssim_camera* room = add_camera([](kssim_camera_config& c) {
+        c.scene = {KSSIM_SCENE_ROOM, 0, 1};
+    });  // 1280 x 720
+    ASSERT_EQ(0, kssim_camera_true_distance(room, 640, 60, &gt));
+    EXPECT_NEAR(2800.0, gt, 1e-6);
+    ASSERT_EQ(0, kssim_camera_true_distance(room, 140, 360, &gt));
+    EXPECT_NEAR(2100.0, gt, 1e-6);
 }
 
-TEST_F(SimFrames, RawDisparityHasNoiseHolesAndSpecklesFromAFixedSeed) {
+TEST_F(SimFrames, RawDisparityHasNoiseHolesSpecklesAndFalseMatchesFromAFixedSeed) {
     kssim_camera* proc = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_RGBD);
     kssim_camera* raw = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_ORIGIN_DISPARITY);
     kssim_camera* raw2 = camera(KSSIM_SCENE_ROOM, KSSIM_CHANNEL_ORIGIN_DISPARITY);
@@ -124,8 +163,9 @@ TEST_F(SimFrames, RawDisparityHasNoiseHolesAndSpecklesFromAFixedSeed) {
     const std::vector<uint8_t> pb = produce(proc), rb = produce(raw);
     const Frame p(pb.data(), kW, kH), f(rb.data(), kW, kH);
     EXPECT_EQ(KSSIM_CHANNEL_ORIGIN_DISPARITY, f.channel());
-    const DisparityCheck r = check_disparity(raw, f);
-    const DisparityCheck q = check_disparity(proc, p);
+    const std::vector<double> truth = truth_of(raw);
+    const DisparityCheck r = check_disparity(truth, f, true);
+    const DisparityCheck q = check_disparity(truth, p);
     EXPECT_EQ(q.valid, q.within1);
     EXPECT_GT(q.valid, q.total * 95 / 100);
     EXPECT_LT(r.valid, q.valid * 95 / 100);    // holes
@@ -133,6 +173,30 @@ TEST_F(SimFrames, RawDisparityHasNoiseHolesAndSpecklesFromAFixedSeed) {
     EXPECT_LT(r.exact, r.within1 * 80 / 100);  // but a unit or two of noise
     EXPECT_GT(r.speckle, 0);                   // and a few wrong patches
     EXPECT_LT(r.speckle, r.valid * 3 / 100);
+    // Where B cannot see a point of A (a nearer point of A lands on the same
+    // column of B, which lies to the right: x + d), the matcher still finds
+    // a match, a false one.
+    long hidden = 0, matched = 0, wrong = 0;
+    for (int row = 1; row < kH - 6; ++row) {
+        std::vector<double> d(kW, 0.0);  // pixels
+        for (int x = 0; x < kW; ++x) {
+            const double gt = truth[size_t(row) * kW + x];
+            d[x] = gt > 0 ? f.bf() / gt : 0.0;
+        }
+        for (int x = 0; x < kW - 22; ++x) {
+            bool covered = false;
+            for (int n = std::max(0, x - 128); n < x && !covered; ++n)
+                covered = d[n] > d[x] * 1.03 && std::fabs(n + d[n] - (x + d[x])) < 0.5;
+            if (!covered || x + d[x] >= kW) continue;
+            ++hidden;
+            const uint16_t v = f.raw_disparity(x, row);
+            matched += v != 0;
+            wrong += v != 0 && std::fabs(v - 32.0 * d[x]) > 32;
+        }
+    }
+    EXPECT_GT(hidden, 1000);
+    EXPECT_GT(matched, hidden * 95 / 100);
+    EXPECT_GT(wrong, matched * 80 / 100);
     // The same seed gives the same disparities; another seed others.
     auto same = [&](kssim_camera* cam) {
         const std::vector<uint8_t> b = produce(cam);
@@ -146,31 +210,31 @@ TEST_F(SimFrames, RawDisparityHasNoiseHolesAndSpecklesFromAFixedSeed) {
     EXPECT_FALSE(same(other));
 }
 
-TEST_F(SimFrames, PairChannelsCarryImageBShiftedByTheDisparity) {
+TEST_F(SimFrames, PairChannelsCarryImageBShiftedByTheDisparityAndTheReadoutWindows) {
     kssim_camera* rect = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_RECTIFIED_PAIR, 3, 1500);
     kssim_camera* orig = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_ORIGIN_PAIR, 3, 1500);
     const std::vector<uint8_t> rb = produce(rect), ob = produce(orig);
     const Frame r(rb.data(), kW, kH), o(ob.data(), kW, kH);
     EXPECT_EQ(KSSIM_CHANNEL_RECTIFIED_PAIR, r.channel());
     EXPECT_EQ(KSSIM_CHANNEL_ORIGIN_PAIR, o.channel());
-    // Sensor B sits one baseline to the right: what A sees at column x + d,
-    // B sees at x, with d = bxf / z = 23.33 pixels.
+    // Sensor B sits one baseline to the left: what A sees at column x, B sees
+    // at x + d, with d = bxf / z = 23.33 pixels.
     const double d = 35000.0 / 1500.0;
-    const int di = static_cast<int>(d);
-    const double frac = d - di;
+    const int di = static_cast<int>(std::ceil(d));  // A's columns x - di and x - di + 1
+    const double frac = di - d;
     double shifted = 0, unshifted = 0, shifted12 = 0;
     long n = 0;
     std::set<int> nibbles;
     for (int line = 10; line < kH - 10; ++line) {
         for (int x = 40; x < kW - 40; ++x, ++n) {
-            const double a = r.at(x + di, line).y * (1 - frac) + r.at(x + di + 1, line).y * frac;
+            const double a = r.at(x - di, line).y * (1 - frac) + r.at(x - di + 1, line).y * frac;
             const double b = r.at(x, line).v / 16.0;  // the 8-bit image B
             shifted += std::fabs(a - b);
             unshifted += std::fabs(r.at(x, line).y - b);
             // Origin pair: image A is 12 bits in Y and N, image B 12 bits in V.
             const auto a12 = [&](int xx) { return o.at(xx, line).y * 16 + o.at(xx, line).n; };
             shifted12 +=
-                std::fabs(a12(x + di) * (1 - frac) + a12(x + di + 1) * frac - o.at(x, line).v);
+                std::fabs(a12(x - di) * (1 - frac) + a12(x - di + 1) * frac - o.at(x, line).v);
             nibbles.insert(o.at(x, line).n);
         }
     }
@@ -179,6 +243,29 @@ TEST_F(SimFrames, PairChannelsCarryImageBShiftedByTheDisparity) {
     EXPECT_LT(shifted12 / n, 64.0);
     EXPECT_EQ(16u, nibbles.size());                 // the nibble is image data, not chroma
     EXPECT_EQ(r.at(100, 100).y, o.at(100, 100).y);  // the same colour image
+
+    // The trims (0x28 right: image A, 0x26 left: image B) and line offsets
+    // (0x73-0x74 right, 0x71-0x72 left) move where each sensor's image
+    // starts; the trim difference adds to the disparity.
+    kssim_camera* rgbd = camera(KSSIM_SCENE_WALL, KSSIM_CHANNEL_RGBD, 3, 1500);
+    const std::vector<uint8_t> before = produce(rgbd);
+    const Frame p(before.data(), kW, kH);
+    for (kssim_camera* cam : {rect, rgbd})
+        for (auto [reg, value] : {std::pair<uint32_t, uint8_t>{0x28, 20}, {0x26, 6}, {0x73, 2}})
+            ASSERT_EQ(0, kssim_camera_register_write(cam, KSSIM_CHIP_ASIC, reg, value));
+    const std::vector<uint8_t> moved = produce(rect), moved_rgbd = produce(rgbd);
+    const Frame m(moved.data(), kW, kH), md(moved_rgbd.data(), kW, kH);
+    long same_a = 0, same_b = 0, pixels = 0;
+    for (int line = 10; line < kH - 10; ++line) {
+        for (int x = 40; x < kW - 40; ++x, ++pixels) {
+            same_a += m.at(x, line).y == r.at(x + 20, line + 2).y;
+            same_b += m.at(x, line).v == r.at(x + 6, line).v;
+        }
+    }
+    EXPECT_EQ(pixels, same_a);
+    EXPECT_EQ(pixels, same_b);
+    EXPECT_EQ(747, p.disparity(200, 200));
+    EXPECT_EQ(747 + 32 * (20 - 6), md.disparity(200, 200));
 }
 
 TEST_F(SimFrames, ChromaFormsTheI420PlanesAndExposureStatisticsFollowBrightness) {

@@ -182,13 +182,16 @@ class Client {
         *n = be32(m.data.data());
         return 0;
     }
-    // The ASIC's sensor bridge: one command to both sensors.
+    // The ASIC's sensor bridge: one command to both sensors, with the 5 ms
+    // (virtual) the bridge needs after each write.
     int sensor_write(uint16_t reg, uint8_t value) {
         for (auto [r, v] : {std::pair<uint16_t, uint8_t>{0xF1, reg >> 8},
                             {0xF2, reg & 0xFF},
                             {0xF3, 0},
-                            {0xF4, value}})
+                            {0xF4, value}}) {
             if (int e = asic_write(r, v)) return e;
+            ks_sys_usleep(5000);
+        }
         return 0;
     }
 

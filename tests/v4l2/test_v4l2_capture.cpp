@@ -94,8 +94,10 @@ TEST_F(V4l2Capture, StreamsFramesWhoseDisparityGivesTheScenesDistances) {
         for (int line = 1; line < kHeight - 3; line += 7) {
             for (int x = 0; x < kWidth; x += 5) {
                 const uint16_t d = disparity[line * kWidth + x];
-                double truth = 0;  // output line L holds source line L + 3
-                ASSERT_EQ(0, kssim_camera_true_distance(camera_, x, line + 3, &truth));
+                // Output line L holds source line L + 3, where the processed
+                // channel sends the disparity of image line L.
+                double truth = 0;
+                ASSERT_EQ(0, kssim_camera_true_distance(camera_, x, line, &truth));
                 if (d == 0 || truth <= 0) continue;
                 EXPECT_NEAR(32.0 * out.bf / truth, d, 1.0) << "pixel " << x << "," << line;
                 ++checked;
