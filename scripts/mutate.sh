@@ -2,11 +2,13 @@
 # Puts the single-line faults of a list into the library one at a time,
 # rebuilds, runs the tests and reports which faults the tests catch.
 #
-#   scripts/mutate.sh [-l list] [-b build-dir] [-t seconds] [-n] [pattern]
+#   scripts/mutate.sh [-l list] [-b build-dir] [-t seconds] [-a] [-n] [pattern]
 #
 #   -l  fault list (default tests/mutations/faults.tsv)
 #   -b  build folder of its own (default build-mutate)
 #   -t  ctest time-out for tests without one of their own (default 60)
+#   -a  build and run every test for every fault, not only the tests of the
+#       faulty file's module (see scope below)
 #   -n  only check the list (files exist, each original occurs exactly once)
 #   pattern: only the faults whose line contains it (grep -F)
 #
@@ -24,17 +26,48 @@ list=tests/mutations/faults.tsv
 build=build-mutate
 timeout=60
 check_only=0
-while getopts "l:b:t:n" opt; do
+everything=0
+while getopts "l:b:t:an" opt; do
     case $opt in
         l) list=$OPTARG ;;
         b) build=$OPTARG ;;
         t) timeout=$OPTARG ;;
+        a) everything=1 ;;
         n) check_only=1 ;;
         *) sed -n '2,20p' "$0"; exit 2 ;;
     esac
 done
 shift $((OPTIND - 1))
 pattern=${1:-}
+
+# ---- which tests a fault in a file is run against ----------------------------
+# "targets|ctest regex" for the tests of a module and of the layers that use
+# it directly; a file of no module listed here gets every test. A fault these
+# miss can still be tried against everything with -a.
+scope() {
+    case $1 in
+        common/ks_platform.cpp) echo "" ;;
+        common/*)
+            echo "test_common test_log_threads|^(FileUtils|Log|LogThreads|PlatformSeam)\." ;;
+        control_protocol/*)
+            echo "test_control_protocol test_control_sim test_control_sim_threads test_imu_receiver" \
+                "|^(Protocol[A-Za-z]*|ControlSim[A-Za-z]*|ImuReceiver[A-Za-z]*)\." ;;
+        ks_asic_iic_ctrl/*)
+            echo "test_ctrl_eeprom_store test_ctrl_asic_control test_ctrl_cmos_control" \
+                "test_ctrl_image_transfer test_ctrl_robustness test_ctrl_threads test_control_sim" \
+                "|^(EepromStore|AsicControl|CmosControl|ImageTransfer|CtrlLayer|Robustness|ControlSim)\." ;;
+        ks_v4l2_driver/*)
+            echo "test_v4l2_parsers test_v4l2_setup test_v4l2_capture" \
+                "|^(Parsers|FrameRing|V4l2[A-Za-z]*)\." ;;
+        ks_imu_module/*)
+            echo "test_imu_decode test_imu_receiver|^(ImuDecode|ImuReceiver[A-Za-z]*)\." ;;
+        driver/driver_cpp/source/KSDisparity* | driver/driver_cpp/source/KSBackLight* | \
+            driver/driver_cpp/source/KSCameraProcessing*)
+            echo "test_processing test_processing_first_call test_processing_threads" \
+                "|^(BackLight|DenseDisparity|DisparityFilter|DisparityProcessing|RoomScene|LineOffset|ProcessingThreads|Processing|PointCloud|RectDistance|RuntimeEnvironment|DisparityParamFile)\." ;;
+        *) echo "" ;;
+    esac
+}
 
 # ---- read and check the list -------------------------------------------------
 files=() originals=() faulties=() whys=()
@@ -126,11 +159,20 @@ for ((i = 0; i < total; i++)); do
     ORIG=${originals[i]} FAULTY=${faulties[i]} perl -0777 -i -pe 's/\Q$ENV{ORIG}\E/$ENV{FAULTY}/' "$file"
     start=$SECONDS
     label="[$((i + 1))/$total] $file: $why"
-    if ! cmake --build "$build" -j "$jobs" >/dev/null 2>&1; then
+    targets=() select=()
+    if ((!everything)); then
+        s=$(scope "$file")
+        if [[ -n $s ]]; then
+            read -r -a targets <<<"${s%%|*}"
+            targets=(--target "${targets[@]}")
+            select=(-R "${s#*|}")
+        fi
+    fi
+    if ! cmake --build "$build" -j "$jobs" "${targets[@]}" >/dev/null 2>&1; then
         result="does not build"
         broken+=("$label")
     elif ctest --test-dir "$build" -j "$jobs" --timeout "$timeout" --stop-on-failure \
-        --no-tests=error >/dev/null 2>&1; then
+        --no-tests=error "${select[@]}" >/dev/null 2>&1; then
         if [[ $why == "(equivalent"* ]]; then
             result="survived (equivalent)"
             equivalent=$((equivalent + 1))
