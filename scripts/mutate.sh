@@ -134,8 +134,8 @@ restore() {
         current=""
     fi
 }
-trap 'restore; rm -f "$backup"' EXIT
-trap 'restore; rm -f "$backup"; echo "interrupted" >&2; exit 130' INT TERM
+trap 'restore; rm -f "$backup" "${ctest_log:-}"' EXIT
+trap 'restore; rm -f "$backup" "${ctest_log:-}"; echo "interrupted" >&2; exit 130' INT TERM
 
 # ---- build folder ------------------------------------------------------------
 jobs=2
@@ -144,9 +144,16 @@ if [[ ! -f $build/build.ninja ]]; then
 fi
 echo "building the unchanged tree in $build ..."
 cmake --build "$build" -j "$jobs" >/dev/null
+# The first failing test of a ctest log.
+first_failure() {
+    sed -n 's/^.*Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*$/\1/p' "$1" | head -n 1
+}
+ctest_log=$(mktemp)
 # The unchanged tree must pass, or no result would mean anything.
-if ! ctest --test-dir "$build" -j "$jobs" --timeout "$timeout" --no-tests=error >/dev/null 2>&1; then
-    echo "the tests fail without any fault; fix that first" >&2
+if ! ctest --test-dir "$build" -j "$jobs" --timeout "$timeout" --no-tests=error >"$ctest_log" 2>&1; then
+    echo "the tests fail without any fault; fix that first:" >&2
+    grep -E '\*\*\*|Not Run' "$ctest_log" >&2 || true
+    rm -f "$ctest_log"
     exit 2
 fi
 
@@ -172,7 +179,7 @@ for ((i = 0; i < total; i++)); do
         result="does not build"
         broken+=("$label")
     elif ctest --test-dir "$build" -j "$jobs" --timeout "$timeout" --stop-on-failure \
-        --no-tests=error "${select[@]}" >/dev/null 2>&1; then
+        --no-tests=error "${select[@]}" >"$ctest_log" 2>&1; then
         if [[ $why == "(equivalent"* ]]; then
             result="survived (equivalent)"
             equivalent=$((equivalent + 1))
@@ -185,7 +192,7 @@ for ((i = 0; i < total; i++)); do
             result="caught, though listed as equivalent"
             lucky+=("$label")
         fi
-        result=${result:-caught}
+        result="${result:-caught} by $(first_failure "$ctest_log")"
         caught=$((caught + 1))
     fi
     restore
