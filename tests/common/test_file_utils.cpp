@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <sys/statvfs.h>
 
 #include <cstring>
@@ -235,7 +234,7 @@ TEST(FileUtils, ListItemsByTypeWithFilter) {
          {"a.log", "b.txt", "sdk_2.log", "sdk_1.txt", "noext", "sub/c.log", "sub/deep/d.log"}) {
         write_file(r + f, "x");
     }
-    std::filesystem::create_directory_symlink(r, r + "loop");    // a directory loop
+    std::filesystem::create_directory_symlink(r, r + "loop");  // a directory loop
     std::filesystem::create_symlink("a.log", r + "link.log");  // a link is not a file
     const int F = KS_ITEM_TYPE_FILE;
     const int D = KS_ITEM_TYPE_DIR;
@@ -310,10 +309,9 @@ TEST(FileUtils, AvailableSpaceUnits) {
     struct statvfs vfs;
     ASSERT_EQ(0, statvfs("/dev", &vfs));
     const double bytes = static_cast<double>(vfs.f_bsize) * static_cast<double>(vfs.f_bavail);
-    const std::pair<char, double> units[] = {{'b', 1.0},         {'B', 1.0},
-                                             {'k', 1024.0},      {'K', 1024.0},
-                                             {'M', 1048576.0},   {'m', 1048576.0},
-                                             {'g', 1073741824.0}, {'G', 1073741824.0}};
+    const std::pair<char, double> units[] = {
+        {'b', 1.0},       {'B', 1.0},       {'k', 1024.0},       {'K', 1024.0},
+        {'M', 1048576.0}, {'m', 1048576.0}, {'g', 1073741824.0}, {'G', 1073741824.0}};
     for (const auto& [unit, size] : units)
         EXPECT_EQ(bytes / size, ksGetAvailableSpaceByByteUnit("/dev", unit)) << unit;
     EXPECT_EQ(bytes, ksGetAvailableSpaceSize("/dev"));

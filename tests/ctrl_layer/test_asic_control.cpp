@@ -33,7 +33,7 @@ TEST_F(AsicControl, TrimsAreWrittenEvenWithSignAndDifference) {
     ASSERT_EQ(0, ks_get_camera_trim(&ctrl_, &l, &r));
     EXPECT_EQ(6, l);
     EXPECT_EQ(2, r);
-    left = 9, right = 8;  // equal once even: no sign, no difference
+    left = 9, right = 8;             // equal once even: no sign, no difference
     poke(KSSIM_CHIP_ASIC, 0x67, 1);  // as an unequal pair leaves it
     ASSERT_EQ(0, ks_set_camera_trim(&ctrl_, &left, &right));
     EXPECT_EQ((Bytes{8, 8, 0, 0}), regs(KSSIM_CHIP_ASIC, {0x26, 0x28, 0x67, 0x68}));

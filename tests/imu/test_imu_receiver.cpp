@@ -187,7 +187,8 @@ int one_sample_then_sixteen(unsigned char* block) {
     if (running && g_first_decoded.load() < 0) g_first_decoded = g_next.load();
     std::memset(block, 0, 320);
     const uint32_t words[8] = {0x01020304u, 0, 0, 0, 0x8000000Du, 0, 16u * n, 0};
-    for (int i = 0; i < 32; ++i) block[i] = static_cast<uint8_t>(words[i / 4] >> (24 - 8 * (i % 4)));
+    for (int i = 0; i < 32; ++i)
+        block[i] = static_cast<uint8_t>(words[i / 4] >> (24 - 8 * (i % 4)));
     for (int k = 0; k < n; ++k) {
         const int counter = g_next++;
         block[32 + 16 * k + 14] = static_cast<uint8_t>(counter);

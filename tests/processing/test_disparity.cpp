@@ -42,7 +42,7 @@ TEST(DenseDisparity, HolesAreInterpolatedWithinTheDistanceTolerance) {
         uint16_t above, below;
         int gap;
         bool filled;
-    } cases[] = {{200, 229, 3, true},   {200, 231, 3, false},   {3000, 3500, 3, true},
+    } cases[] = {{200, 229, 3, true},    {200, 231, 3, false}, {3000, 3500, 3, true},
                  {3000, 3600, 3, false}, {200, 200, 18, true}, {200, 200, 19, false}};
     for (const Case& k : cases) {
         ProcessingCamera cam;
@@ -109,7 +109,8 @@ TEST(DenseDisparity, GuidedArmsStopAtTheirGreyLimits) {
     EXPECT_EQ(1002, probe([](int, int x) { return x <= 106 ? 134 : 128; }));
     // Two of six arm steps in the probe's row: not more than a third, though
     // the rows around it have two of three.
-    EXPECT_EQ(0, probe([](int r, int x) { return x <= 107 || x >= (r == 125 ? 115 : 112) ? 168 : 128; }));
+    EXPECT_EQ(
+        0, probe([](int r, int x) { return x <= 107 || x >= (r == 125 ? 115 : 112) ? 168 : 128; }));
 }
 
 TEST(DenseDisparity, BackLitFrameIsClearedOnTheWholeGrid) {

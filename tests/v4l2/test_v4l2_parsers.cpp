@@ -86,8 +86,8 @@ TEST(Parsers, RgbdFrameCarriesMetadataImageAndShiftedDisparity) {
     EXPECT_EQ(100, o.disparity[32 + 5]);
     EXPECT_EQ(0xBBBB, o.disparity[32 * 5]);  // the last three lines are left alone
 
-    EXPECT_EQ(37, o.image[3 * 32 + 7]);     // luma of line 3
-    EXPECT_EQ(0xA5, o.image[32 * 8 + 16]);  // U: line 0 gave 16 samples, line 2 starts here
+    EXPECT_EQ(37, o.image[3 * 32 + 7]);        // luma of line 3
+    EXPECT_EQ(0xA5, o.image[32 * 8 + 16]);     // U: line 0 gave 16 samples, line 2 starts here
     EXPECT_EQ(0xB6, o.image[32 * 8 * 5 / 4]);  // V: line 1 starts the plane
     delete cam;
 
@@ -235,7 +235,8 @@ TEST(FrameRing, IdsFromTheMetadataLineAndSlotsInTurn) {
         for (int w = 0; w < 3; ++w) f.set(23 + w, 0, 0xFF, 0xF, (ids[k] >> (24 - 12 * w)) & 0xFFF);
         ASSERT_EQ(0, process_image(f.bytes.data(), cam));
         EXPECT_EQ(k % 8, ring->latest.load()) << k;
-        EXPECT_EQ(static_cast<uint32_t>(ids[k]), ring->slots[k % 8].frame_id.load()) << std::hex << ids[k];
+        EXPECT_EQ(static_cast<uint32_t>(ids[k]), ring->slots[k % 8].frame_id.load())
+            << std::hex << ids[k];
         EXPECT_EQ(ids[k], sync) << std::hex << ids[k];
         EXPECT_EQ(0, std::memcmp(f.bytes.data(), ring->slots[k % 8].data, f.bytes.size()));
     }
