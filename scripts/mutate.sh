@@ -2,13 +2,15 @@
 # Puts the single-line faults of a list into the library one at a time,
 # rebuilds, runs the tests and reports which faults the tests catch.
 #
-#   scripts/mutate.sh [-l list] [-b build-dir] [-t seconds] [-a] [-n] [pattern]
+#   scripts/mutate.sh [-l list] [-b build-dir] [-t seconds] [-a] [-k] [-n] [pattern]
 #
 #   -l  fault list (default tests/mutations/faults.tsv)
 #   -b  build folder of its own (default build-mutate)
 #   -t  ctest time-out for tests without one of their own (default 60)
 #   -a  build and run every test for every fault, not only the tests of the
 #       faulty file's module (see scope below)
+#   -k  keep running the tests after the first failure (shows how long every
+#       test takes to fail; the time of each fault is printed)
 #   -n  only check the list (files exist, each original occurs exactly once)
 #   pattern: only the faults whose line contains it (grep -F)
 #
@@ -27,12 +29,14 @@ build=build-mutate
 timeout=60
 check_only=0
 everything=0
-while getopts "l:b:t:an" opt; do
+stop=(--stop-on-failure)
+while getopts "l:b:t:akn" opt; do
     case $opt in
         l) list=$OPTARG ;;
         b) build=$OPTARG ;;
         t) timeout=$OPTARG ;;
         a) everything=1 ;;
+        k) stop=() ;;
         n) check_only=1 ;;
         *) sed -n '2,20p' "$0"; exit 2 ;;
     esac
@@ -148,6 +152,12 @@ cmake --build "$build" -j "$jobs" >/dev/null
 first_failure() {
     sed -n 's/^.*Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*$/\1/p' "$1" | head -n 1
 }
+# The failing test that took longest, with its time (for -k).
+slowest_failure() {
+    awk '/\*\*\*/ { for (i = 1; i < NF; i++) if ($(i + 1) == "sec" && $i + 0 >= best) {
+             best = $i + 0; name = $4 } }
+         END { if (name != "") printf "%s, %s s", name, best }' "$1"
+}
 ctest_log=$(mktemp)
 # The unchanged tree must pass, or no result would mean anything.
 if ! ctest --test-dir "$build" -j "$jobs" --timeout "$timeout" --no-tests=error >"$ctest_log" 2>&1; then
@@ -178,7 +188,7 @@ for ((i = 0; i < total; i++)); do
     if ! cmake --build "$build" -j "$jobs" "${targets[@]}" >/dev/null 2>&1; then
         result="does not build"
         broken+=("$label")
-    elif ctest --test-dir "$build" -j "$jobs" --timeout "$timeout" --stop-on-failure \
+    elif ctest --test-dir "$build" -j "$jobs" --timeout "$timeout" "${stop[@]}" \
         --no-tests=error "${select[@]}" >"$ctest_log" 2>&1; then
         if [[ $why == "(equivalent"* ]]; then
             result="survived (equivalent)"
@@ -193,6 +203,7 @@ for ((i = 0; i < total; i++)); do
             lucky+=("$label")
         fi
         result="${result:-caught} by $(first_failure "$ctest_log")"
+        ((${#stop[@]})) || result="$result; slowest to fail: $(slowest_failure "$ctest_log")"
         caught=$((caught + 1))
     fi
     restore
