@@ -107,6 +107,14 @@ TEST_F(Log, RotationAndRetentionRunEvery8002ndWrite) {
     ASSERT_GT(write_until([&] { return !exists(tmp / rotated_name(1)); }), 0);
     EXPECT_EQ(9u, dir_names(tmp.path(), "sdk_").size());
 
+    // A live file of exactly 100 MiB stays, and nine rotated files are kept.
+    for (int i = 0; i < kWritesPerCheck - 1; ++i) log_log(LOG_ERROR, kModule, i, "line %d", i);
+    const std::string at_limit = "2000-01-01 00:00:00 ERROR ks_v4l2_driver:1: 100 MiB\n";
+    std::filesystem::resize_file(live, kRotateSize - at_limit.size());
+    log_log(LOG_ERROR, kModule, 1, "100 MiB");
+    EXPECT_EQ(kRotateSize, file_size(live));
+    EXPECT_EQ(9u, dir_names(tmp.path(), "sdk_").size());
+
     write_file(tmp / rotated_name(11), "new");
     write_file(tmp / rotated_name(12), "new");
     std::filesystem::resize_file(live, kRotateSize + 4096);

@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "common/ks_platform.h"
 
 namespace {
@@ -24,8 +26,14 @@ TEST(PlatformSeam, InstallRoutesCallsResetRestoresAndIncompleteTablesAreRefused)
     ASSERT_GE(fd, 0);
     EXPECT_EQ(0, ks_sys_close(fd));
 
-    table.select = nullptr;
-    EXPECT_EQ(-1, ks_platform_install(&table));
+    // Every slot is a function pointer: leave out each one in turn.
+    constexpr size_t kSlot = sizeof(table.open);
+    static_assert(sizeof(ks_platform_ops) == 13 * kSlot, "one slot per operation");
+    for (size_t i = 0; i < sizeof(ks_platform_ops) / kSlot; ++i) {
+        ks_platform_ops incomplete = *ks_platform_default_ops();
+        std::memset(reinterpret_cast<char*>(&incomplete) + i * kSlot, 0, kSlot);
+        EXPECT_EQ(-1, ks_platform_install(&incomplete)) << "slot " << i;
+    }
     EXPECT_EQ(-1, ks_platform_install(nullptr));
     EXPECT_EQ(ks_platform_default_ops(), ks_platform_ops_current());
 }

@@ -348,6 +348,33 @@ TEST_F(ControlSim, RepliesOfTheWrongSizeAndOversizeRequestsAreRefused) {
     EXPECT_EQ(-1, protocol_get_IMU(buf));
 }
 
+// The encodings at values the library itself never passes: unaligned flash
+// addresses, the top of the register space, a read length in all four
+// little-endian bytes, a single GPIO pin.
+TEST_F(ControlSim, AddressAndLengthEncodingsAtUnalignedAndExtremeValues) {
+    Locked lock(ctrl_);
+    unsigned char page[256] = {};
+    protocol_flash_read_page(0x65ABC, page);
+    protocol_flash_write_page(0x66FFF, page);
+    protocol_flash_erase_sector(0x67FFF);
+    protocol_iic_read(0xA1, 0xFFFF, page, 0x04030201);  // refused: longer than a reply
+    protocol_iic_write(0xFE, 0xFEDC, page, 1);
+    const unsigned char pin[1] = {31};
+    ASSERT_EQ(0, protocol_set_gpio(31, 1));
+    unsigned char level = 7;
+    ASSERT_EQ(0, protocol_get_gpios(pin, &level, 1));
+    EXPECT_EQ(1, level);
+
+    const auto reqs = requests();
+    ASSERT_EQ(7u, reqs.size());
+    const uint32_t parameters[] = {0x65A00, 0x66F00, 0x67000, 0xA1FFFF, 0xFEFEDC};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(parameters[i], reqs[i].parameter) << i;
+    ASSERT_EQ(4u, reqs[3].length);
+    EXPECT_EQ(0, std::memcmp("\x01\x02\x03\x04", reqs[3].data, 4));
+    ASSERT_EQ(2u, reqs[6].length);
+    EXPECT_EQ(0, std::memcmp("\x01\x1F", reqs[6].data, 2));
+}
+
 TEST_F(ControlSim, NakedMessages) {
     Locked lock(ctrl_);
     EXPECT_EQ(320, send_naked_message(1, 1));
@@ -449,6 +476,11 @@ TEST_F(ControlSim, StatusPollingGivesUpAfterSixtySecondsAndLogsIt) {
 }
 
 TEST_F(ControlSim, HostileControllerNeverBreaksTheHost) {
+    // An exchange that does not work at all would make every round wait out
+    // its time-out: stop at once instead.
+    uint16_t fpga = 0;
+    ASSERT_EQ(0u, ks_fpga_read(&ctrl_, 0x1F, &fpga));
+    ASSERT_EQ(0x56, fpga);
     ASSERT_EQ(0, kssim_camera_set_hostile(camera_, 1, 1234));
     std::vector<unsigned char> page(4096, 0x42);
     for (int round = 0; round < 150; ++round) {

@@ -33,6 +33,10 @@ TEST_F(AsicControl, TrimsAreWrittenEvenWithSignAndDifference) {
     ASSERT_EQ(0, ks_get_camera_trim(&ctrl_, &l, &r));
     EXPECT_EQ(6, l);
     EXPECT_EQ(2, r);
+    left = 9, right = 8;             // equal once even: no sign, no difference
+    poke(KSSIM_CHIP_ASIC, 0x67, 1);  // as an unequal pair leaves it
+    ASSERT_EQ(0, ks_set_camera_trim(&ctrl_, &left, &right));
+    EXPECT_EQ((Bytes{8, 8, 0, 0}), regs(KSSIM_CHIP_ASIC, {0x26, 0x28, 0x67, 0x68}));
 
     // Each register takes one byte; sign and difference use the whole values.
     left = 301, right = 2;
@@ -271,7 +275,10 @@ TEST_F(CtrlLayer, PowerCycleUsesTheResetStateOrOnThe1022FirmwareGpio17AndFailsWi
         const char* firmware;  // only the first four characters count
         const char* text;
         Requests asic_state, gpio;  // requests 14 and 10: set pin 17 off, on, off, on
-    } cases[] = {{nullptr, "Finish bring up.", {{0}, {1}, {0}, {1}}, {}},
+    } cases[] = {{"1023 is a current firmware whose version text is long",
+                  "Finish bring up.",
+                  {{0}, {1}, {0}, {1}},
+                  {}},
                  {"10225 build 7",
                   "1022 Usb version bring upFinish bring up.",
                   {},
@@ -282,8 +289,9 @@ TEST_F(CtrlLayer, PowerCycleUsesTheResetStateOrOnThe1022FirmwareGpio17AndFailsWi
         const uint32_t resets = state().reset_count;
         ASSERT_EQ(0, ks_camera_hardware_shutdown(&ctrl_));
         EXPECT_EQ(0, state().asic_running);
-        EXPECT_EQ(c.firmware == nullptr, state().asic_powered);
-        if (c.firmware != nullptr) {
+        const bool older = c.gpio.size() > 0;
+        EXPECT_EQ(!older, state().asic_powered);
+        if (older) {
             EXPECT_EQ(0, state().gpio17);
         }
 
@@ -300,11 +308,23 @@ TEST_F(CtrlLayer, PowerCycleUsesTheResetStateOrOnThe1022FirmwareGpio17AndFailsWi
         EXPECT_EQ(1, s.gpio17);
         EXPECT_EQ(resets + 2, s.reset_count);  // released twice
         std::map<uint32_t, Requests> sent;     // data of each request, by command
-        for (const kssim_message& m : requests())
+        std::vector<uint64_t> at;              // times of the power line's switches
+        for (const kssim_message& m : requests()) {
             sent[m.command].emplace_back(m.data, m.data + m.data_length);
+            if (m.command == (older ? 10u : 14u)) at.push_back(m.time_us);
+        }
         EXPECT_EQ(c.asic_state, sent[14]);
         EXPECT_EQ(c.gpio, sent[10]);
         EXPECT_EQ(2u, sent[1].size());  // the version, once per sequence
+        ASSERT_EQ(4u, at.size());       // on for 4 s, off for 1 s, then on
+        EXPECT_GE(at[2] - at[1], 4000000u);
+        EXPECT_GE(at[3] - at[2], 1000000u);
+        // A version text filling all 32 bytes comes back cut to 31 and ended.
+        char version[40];
+        std::memset(version, 'x', sizeof version);
+        version[39] = '\0';
+        ASSERT_EQ(0u, ks_get_usb_version(&ctrl_, version));
+        EXPECT_EQ(std::string(c.firmware).substr(0, 31), version);
         EXPECT_EQ(0, ks_device_init_status_check(&ctrl_));
         release_iic_ctrl(&ctrl_);
     }

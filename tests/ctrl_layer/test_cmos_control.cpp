@@ -45,17 +45,20 @@ TEST_F(CmosControl, VerifiedWriteReachesBothSensorsAndDualReadReturnsBoth) {
     EXPECT_EQ((Writes{{0xF1, 0x35}, {0xF2, 0x09}, {0xF3, 0x00}, {0xF4, 0x24}}), writes_to(kAsic));
     EXPECT_EQ((Bytes{0x24, 0x24}), sensors(0x3509));
 
+    // Counters wrap after 16 commands; every write still verifies. Sensor B
+    // ignores one command, so the counters end up apart.
+    fault(KSSIM_FAULT_SENSOR_COUNTER_FROZEN, 1, 2);
+    for (int i = 0; i < 17; ++i)
+        ASSERT_EQ(0, ks_write_cmos_register_through_nuvex(&ctrl_, 0x4000, i));
+    EXPECT_EQ(16, reg(KSSIM_CHIP_SENSOR_A, 0x4000));
+
     // The bus status carries both sensors' command counters.
     const kssim_device_state after = state();
+    ASSERT_NE(after.sensor_counter[0], after.sensor_counter[1]);
     uint8_t ca = 0, sa = 9, cb = 0, sb = 9;
     ASSERT_EQ(0, ks_load_cmos_bus_status(&ctrl_, &ca, &sa, &cb, &sb));
     EXPECT_EQ((Bytes{after.sensor_counter[0], 0, after.sensor_counter[1], 0}),
               (Bytes{ca, sa, cb, sb}));
-
-    // Counters wrap after 16 commands; every write still verifies.
-    for (int i = 0; i < 17; ++i)
-        ASSERT_EQ(0, ks_write_cmos_register_through_nuvex(&ctrl_, 0x4000, i));
-    EXPECT_EQ(16, reg(KSSIM_CHIP_SENSOR_A, 0x4000));
 
     // Sensors that differ are told apart.
     poke(KSSIM_CHIP_SENSOR_B, 0x3509, 0x31);
@@ -132,7 +135,7 @@ TEST_F(CmosControl, Ov9281FrameRateFormulaLimitsAndDeliveredRate) {
     clear_traffic();
     {
         StdoutCapture out;
-        EXPECT_EQ(-99, ks_set_ov9281_fps(&ctrl_, 6.8f));  // 4133 lines
+        EXPECT_EQ(-99, ks_set_ov9281_fps(&ctrl_, 6.811f));  // 4127 lines
         EXPECT_EQ(-97, ks_set_ov9281_fps(&ctrl_, 0.99f));
         EXPECT_EQ(-97, ks_set_ov9281_fps(&ctrl_, -5.0f));
         EXPECT_EQ(-97, ks_set_ov9281_fps(&ctrl_, std::nanf("")));
@@ -140,8 +143,8 @@ TEST_F(CmosControl, Ov9281FrameRateFormulaLimitsAndDeliveredRate) {
         EXPECT_NE(std::string::npos, out.text().find("Error: Setting FPS exceeds Maximun(30 fps)"));
     }
     EXPECT_TRUE(requests().empty());
-    ASSERT_EQ(0, ks_set_ov9281_fps(&ctrl_, 6.82f));  // 4121 lines: within the limit
-    EXPECT_EQ(4121u, word(KSSIM_CHIP_SENSOR_A, 0x380E));
+    ASSERT_EQ(0, ks_set_ov9281_fps(&ctrl_, 6.812f));  // 4126 lines: the limit itself
+    EXPECT_EQ(4126u, word(KSSIM_CHIP_SENSOR_A, 0x380E));
 
     // A sensor that takes no command: standby fails, the bridge stays open.
     fault(KSSIM_FAULT_SENSOR_COUNTER_FROZEN);
@@ -175,6 +178,8 @@ TEST_F(CmosControl, Sc132gsFrameRateFormulaLimitsAndDeliveredRate) {
                       {0x31, 0x00}}),
               outside_bridge);
 
+    ASSERT_EQ(0, ks_set_sc132gs_fps(&ctrl_, 20.89f));  // 1838 lines: the limit itself
+    EXPECT_EQ(1838u, word(KSSIM_CHIP_SENSOR_A, 0x320E));
     ASSERT_EQ(0, ks_set_sc132gs_fps(&ctrl_, 5.0f));
     EXPECT_NEAR(5.0, state().sensor_frame_rate, 1e-6);
     EXPECT_NEAR(5.0, kssim_camera_frame_rate(camera_), 1e-6);
@@ -182,7 +187,7 @@ TEST_F(CmosControl, Sc132gsFrameRateFormulaLimitsAndDeliveredRate) {
     clear_traffic();
     {
         StdoutCapture out;
-        EXPECT_EQ(-98, ks_set_sc132gs_fps(&ctrl_, 21.0f));  // 1828 lines
+        EXPECT_EQ(-98, ks_set_sc132gs_fps(&ctrl_, 20.9f));  // 1837 lines
         EXPECT_EQ(-98, ks_set_sc132gs_fps(&ctrl_, 30.0f));
         EXPECT_EQ(-98, ks_set_sc132gs_fps(&ctrl_, 31.0f));
         EXPECT_EQ(-97, ks_set_sc132gs_fps(&ctrl_, 0.0f));
@@ -212,6 +217,7 @@ TEST_F(CmosControl, Imx225FrameRateFromTheTriggerDivisor) {
     ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 12.5f));
     EXPECT_EQ(1818u, word(KSSIM_CHIP_ASIC, 0x61));
     EXPECT_EQ(2640u, word(KSSIM_CHIP_ASIC, 0x63));
+    EXPECT_EQ(2640u, word(KSSIM_CHIP_FPGA, 0x27));
     EXPECT_NEAR(12.5, kssim_camera_frame_rate(camera_), 1e-6);
     poke(KSSIM_CHIP_ASIC, 0x61, 0x12);
     ASSERT_EQ(0, ks_set_sony224_fps(&ctrl_, 30.0f));
@@ -247,7 +253,7 @@ TEST_F(CmosControl, GainsOfBothSensorKinds) {
 
     // IMX225: capped at one byte.
     open_camera(KSSIM_SENSOR_IMX225);
-    ASSERT_EQ(0, ks_set_gain_sony_imx225(&ctrl_, 300));
+    ASSERT_EQ(0, ks_set_gain_sony_imx225(&ctrl_, 256));
     EXPECT_EQ((Bytes{255, 255}), sensors(0x3014));
     EXPECT_EQ(0, reg(KSSIM_CHIP_ASIC, 0x31));
     ASSERT_EQ(0, ks_set_gain_sony_imx225(&ctrl_, 40));

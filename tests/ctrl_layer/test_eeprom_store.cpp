@@ -240,7 +240,7 @@ TEST_F(EepromStore, FrameRate) {
 
     clear_traffic();
     EXPECT_EQ(-2, ks_save_current_camera_fps_to_eeprom(&ctrl_, -1.0f));
-    EXPECT_EQ(-3, ks_save_current_camera_fps_to_eeprom(&ctrl_, 70000.0f));
+    EXPECT_EQ(-3, ks_save_current_camera_fps_to_eeprom(&ctrl_, 65535.5f));
     EXPECT_TRUE(requests().empty());
 
     // A byte that does not take is logged, the save still succeeds.
@@ -248,7 +248,10 @@ TEST_F(EepromStore, FrameRate) {
     EXPECT_EQ(0, ks_save_current_camera_fps_to_eeprom(&ctrl_, 60.5f));
     EXPECT_EQ((Bytes{0xC6, 0x00, 0x0F, 0x80, 0x00}), eeprom(0x3C5E, 5));  // 0x3C kept out
     clear(KSSIM_FAULT_EEPROM_NO_STICK);
+    ASSERT_EQ(0, ks_save_current_camera_fps_to_eeprom(&ctrl_, 65535.0f));  // the largest
+    EXPECT_EQ((Bytes{0xC6, 0xFF, 0xFF, 0x00, 0x00}), eeprom(0x3C5E, 5));
 
+    poke_eeprom(0x3C5E, Bytes(8, 0x5A));  // every byte the erase owns holds something
     ASSERT_EQ(0, ks_erase_camera_fps_config(&ctrl_));
     EXPECT_EQ(Bytes(8, 0xFF), eeprom(0x3C5E, 8));
     EXPECT_EQ(-3, ks_load_current_camera_fps_from_eeprom(&ctrl_, &fps));
@@ -308,7 +311,7 @@ TEST_F(EepromStore, RectifiedParameterTable) {
     EXPECT_EQ(-12, ks_get_current_rectify_camera_para(&ctrl_, &p));  // finds 2
     ASSERT_EQ(0, ks_save_current_epr_slot_index(&ctrl_, 5));
     EXPECT_EQ(-11, ks_get_current_rectify_camera_para(&ctrl_, &p));
-    poke_eeprom(0x3C5C, {0xFF});
+    poke_eeprom(0x3C5C, {8});  // one past the last slot
     EXPECT_EQ(-13, ks_get_current_rectify_camera_para(&ctrl_, &p));
 
     fault(KSSIM_FAULT_I2C_REFUSE_EEPROM, 0, 2);  // reads refused

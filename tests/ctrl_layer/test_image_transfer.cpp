@@ -185,6 +185,7 @@ TEST_F(ImageTransfer, EepromSlots) {
 }
 
 TEST_F(ImageTransfer, EffectiveEprEraseAndUploadWithPowerCycleAndStatusCheck) {
+    poke_eeprom(0, Bytes(10, 0x5A));  // every byte the erase owns holds something
     const Bytes original = eeprom(0, 3072);
     const Bytes slot0 = eeprom(3072, 1024);
     ASSERT_EQ(0, ks_erase_effective_epr_data_in_eeprom(&ctrl_));

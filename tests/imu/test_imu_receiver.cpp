@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "control_protocol/protocol_master.h"
 #include "control_protocol/uvc_protocol_master.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_application_layer.h"
 #include "ks_imu_module/uvc-source/ks_uvc_imu_source.h"
@@ -170,4 +171,59 @@ TEST_F(ImuReceiver, SetUpPauseResumeAndReleaseWithAndWithoutSamples) {
     EXPECT_EQ(0, release_imu_module(&imu_));  // while running
     EXPECT_FALSE(imu_.has_thread);
     EXPECT_EQ(KS_IMU_STOPPED, imu_.mode.load());
+}
+
+namespace {
+
+// A controller that hands out one sample a fetch while the receiver drains
+// and sixteen once it runs, counting from 0.
+std::atomic<KsImuModule*> g_imu{nullptr};
+std::atomic<int> g_next{0}, g_draining_fetches{0}, g_first_decoded{-1};
+
+int one_sample_then_sixteen(unsigned char* block) {
+    const bool running = g_imu.load()->mode.load() == KS_IMU_RUNNING;
+    const int n = running ? 16 : 1;
+    if (!running) ++g_draining_fetches;
+    if (running && g_first_decoded.load() < 0) g_first_decoded = g_next.load();
+    std::memset(block, 0, 320);
+    const uint32_t words[8] = {0x01020304u, 0, 0, 0, 0x8000000Du, 0, 16u * n, 0};
+    for (int i = 0; i < 32; ++i)
+        block[i] = static_cast<uint8_t>(words[i / 4] >> (24 - 8 * (i % 4)));
+    for (int k = 0; k < n; ++k) {
+        const int counter = g_next++;
+        block[32 + 16 * k + 14] = static_cast<uint8_t>(counter);
+        block[32 + 16 * k + 15] = static_cast<uint8_t>(counter >> 8);
+    }
+    return 0;
+}
+
+}  // namespace
+
+// Draining ends at the first fetch of fewer than two samples, and decoded
+// samples fill the ring slot after slot, wrapping after 200.
+TEST(ImuReceiverRing, DrainingEndsOnASingleSampleAndTheRingWrapsAfter200) {
+    static const _struct_protocol_functions uvc = {uvc_protocol_master_send_data,
+                                                   uvc_protocol_master_receive_data,
+                                                   uvc_protocol_get_current_timestamp};
+    const _struct_protocol_functions fake = {nullptr, one_sample_then_sixteen, nullptr};
+    protocol_master_init(&fake);
+    KsImuModule imu{};
+    imu.fd = -1;
+    g_imu = &imu;
+    alloc_imu_data_buff(&imu);
+    create_imu_data_receive_thread(&imu);
+    _ks_imu_data_s* s = nullptr;
+    int result = -3;
+    for (int i = 0; i < 200 && (result != 0 || s->timestamp < 250u); ++i) {
+        result = get_new_imu_data(&imu, &s);
+        if (result == -3) ks_sys_usleep(5000);
+    }
+    stop_imu_data_receive_thread(&imu);
+    protocol_master_init(&uvc);
+    ASSERT_EQ(0, result);
+    EXPECT_LE(g_draining_fetches.load(), 2);
+    // Sample n of the running receiver (counter first + n) lies in slot n % 200.
+    for (int slot = 0; slot < 200; ++slot)
+        EXPECT_EQ(slot, (imu.ring[slot].timestamp - g_first_decoded.load()) % 200) << slot;
+    release_imu_module(&imu);
 }

@@ -24,44 +24,93 @@ TEST(DenseDisparity, Width640RunsAtFullResolution641AtHalf) {
             for (int c = 0; c < 640; c += 2)
                 ASSERT_TRUE(m.all(r, c, 2, 2, m.out(r, c))) << r << ", " << c;
     }
+    // A block whose only non-zero sample is its lower right one takes it.
+    DisparityMaps m(1280, 720);
+    m.block(40, 100, 20, 20, 1000);
+    m.block(44, 104, 2, 2, 0);
+    m.put(45, 105, 1010);
+    ASSERT_EQ(0, m.dense(cam));
+    EXPECT_TRUE(m.all(44, 104, 2, 2, 1010));
 }
 
 TEST(DenseDisparity, HolesAreInterpolatedWithinTheDistanceTolerance) {
     // Regions above and below a 3-row gap, nothing beside it: only the
     // vertical pair decides. The tolerance is 30 at small disparities
     // (bxf 30000) and grows with the disparity (555 at 3000).
+    // Gaps up to 18 rows (steps summing to 19) are bridged, 19 are not.
     struct Case {
         uint16_t above, below;
+        int gap;
         bool filled;
-    } cases[] = {{200, 229, true}, {200, 231, false}, {3000, 3500, true}, {3000, 3600, false}};
+    } cases[] = {{200, 229, 3, true},    {200, 231, 3, false}, {3000, 3500, 3, true},
+                 {3000, 3600, 3, false}, {200, 200, 18, true}, {200, 200, 19, false}};
     for (const Case& k : cases) {
         ProcessingCamera cam;
         DisparityMaps m(640, 480);
         m.block(20, 100, 10, 30, k.above);
-        m.block(33, 100, 10, 30, k.below);
+        m.block(30 + k.gap, 100, 10, 30, k.below);
         ASSERT_EQ(0, m.dense(cam));
         ASSERT_TRUE(m.all(20, 100, 10, 30, k.above));
         // Inverse-distance weights: row i of the gap is i + 1 rows from above.
-        for (int i = 0; i < 3 && k.filled; ++i)
-            EXPECT_EQ((k.above * (3 - i) + k.below * (i + 1)) / 4, m.out(30 + i, 110)) << k.above;
-        EXPECT_EQ(!k.filled, m.all(30, 104, 3, 22, 0)) << k.above << "/" << k.below;
+        for (int i = 0; i < k.gap && k.filled; ++i)
+            EXPECT_EQ((k.above * (k.gap - i) + k.below * (i + 1)) / (k.gap + 1), m.out(30 + i, 110))
+                << k.above << " row " << i;
+        EXPECT_EQ(!k.filled, m.all(30, 104, k.gap, 22, 0)) << k.above << "/" << k.below;
     }
 }
 
-TEST(DenseDisparity, GreyEdgesStopTheGuidedAveraging) {
-    // Empty samples on the region's grey surface take its value; across a
-    // grey edge they stay empty. A hole inside the region is filled either way.
-    for (bool edge : {false, true}) {
+// A hole framed by A above and below and B left and right: the vertical
+// estimate is A, the horizontal one B. With step sums s_v and s_h, the hole
+// takes (A + B) / 2 while s_v x s_h <= 999, else A while s_v <= 9, else B
+// while s_h <= 9; nothing when A and B are the tolerance (30 here) apart.
+TEST(DenseDisparity, FramedHolesAtTheSpanLimits) {
+    struct Case {
+        int rows, cols;
+        uint16_t a, b, centre;
+    } cases[] = {{26, 36, 200, 210, 205},  // 27 x 37 = 999
+                 {24, 39, 200, 210, 0},    // 25 x 40 = 1000
+                 {8, 111, 200, 210, 200},  // vertical steps 9
+                 {9, 111, 200, 210, 0},    // 10
+                 {26, 36, 200, 230, 0}};   // at the tolerance
+    for (const Case& k : cases) {
         ProcessingCamera cam;
-        DisparityMaps m(640, 480, 128);
-        m.block(40, 100, 20, 20, 1000);
-        m.block(48, 108, 4, 4, 0);
-        for (int r = 0; r < 480 && edge; ++r) std::fill_n(m.grey.begin() + r * 640 + 120, 520, 200);
+        DisparityMaps m(640, 480);
+        m.block(100, 190, 10, k.cols + 20, k.a);
+        m.block(110 + k.rows, 190, 10, k.cols + 20, k.a);
+        m.block(110, 190, k.rows, 10, k.b);
+        m.block(110, 200 + k.cols, k.rows, 10, k.b);
         ASSERT_EQ(0, m.dense(cam));
-        EXPECT_TRUE(m.all(40, 100, 20, 20, 1000));
-        EXPECT_TRUE(edge ? m.all(40, 120, 20, 10, 0) : m.all(45, 120, 10, 2, 1000));
-        EXPECT_TRUE(m.all(45, 125, 10, 5, 0));  // beyond the arms' reach
+        EXPECT_EQ(k.centre, m.out(110 + k.rows / 2, 200 + k.cols / 2))
+            << k.rows << " x " << k.cols << ", " << k.b;
     }
+}
+
+// Empty samples beside a region are averaged along arms over the grey
+// image. The region's columns step by 2 from 1000 at its right edge, so an
+// arm of L steps into it averages 1000 + L - 1. An arm stops at a grey step
+// of 20 from the centre (19 passes), from its fourth step on at one of 6 (5
+// passes), after five steps, and the average needs non-zero samples on more
+// than a third of the arms.
+TEST(DenseDisparity, GuidedArmsStopAtTheirGreyLimits) {
+    const auto probe = [](auto grey_at) {
+        ProcessingCamera cam;
+        DisparityMaps m(640, 480);
+        for (int r = 100; r < 150; ++r)
+            for (int c = 100; c < 110; ++c) {
+                m.put(r, c, static_cast<uint16_t>(1000 + 2 * (109 - c)));
+                for (int x = 90; x < 130; ++x) m.grey[size_t(r) * 640 + x] = grey_at(r, x);
+            }
+        EXPECT_EQ(0, m.dense(cam));
+        return m.out(125, 110);
+    };
+    EXPECT_EQ(1002, probe([](int, int x) { return x <= 109 ? 147 : 128; }));
+    EXPECT_EQ(0, probe([](int, int x) { return x <= 109 ? 148 : 128; }));
+    EXPECT_EQ(1004, probe([](int, int x) { return x <= 106 ? 133 : 128; }));
+    EXPECT_EQ(1002, probe([](int, int x) { return x <= 106 ? 134 : 128; }));
+    // Two of six arm steps in the probe's row: not more than a third, though
+    // the rows around it have two of three.
+    EXPECT_EQ(
+        0, probe([](int r, int x) { return x <= 107 || x >= (r == 125 ? 115 : 112) ? 168 : 128; }));
 }
 
 TEST(DenseDisparity, BackLitFrameIsClearedOnTheWholeGrid) {
@@ -97,13 +146,15 @@ TEST(DisparityFilter, RegionsOfAHundredSurviveNinetyNineAreCleared) {
     m.put(85, 105, 1019);  // still one region: neighbours differ by at most 19
     m.block(110, 100, 10, 10, 1000);
     m.put(115, 105, 1020);  // 99 + 1: both cleared
+    for (int r = 140; r < 150; ++r) m.block(r, 100, 1, 10, r & 1 ? 4100 : 4090);  // 13 bits
     ASSERT_EQ(0, m.filter(cam));
     EXPECT_TRUE(m.all(20, 100, 10, 10, 1000));
     EXPECT_TRUE(m.all(50, 100, 10, 10, 0));
     EXPECT_EQ(1019, m.out(85, 105));
     EXPECT_EQ(1000, m.out(80, 100));
     EXPECT_TRUE(m.all(110, 100, 10, 10, 0));
-    EXPECT_EQ(200u, m.count_nonzero());
+    EXPECT_TRUE(m.all(141, 100, 1, 10, 4100));
+    EXPECT_EQ(300u, m.count_nonzero());
 
     // Regions of 100 still count as small for the back-light decision: tiles
     // (1000 / 1020: separate regions) over the inner area of a back-lit frame.
@@ -128,7 +179,9 @@ TEST(DisparityFilter, BackLightThresholdHasHysteresisAcrossFrames) {
         int rows;
         bool back_lit, kept;
         float threshold_after;
+        int more = 0;  // speckles in the next row
     } steps[] = {
+        {210, true, true, 0.4f, 450},     // 122880 of 307200: exactly 0.4, kept
         {share_389, true, true, 0.4f},    // under 0.4: kept
         {share_450, false, true, 0.4f},   // many speckles, but not back-lit
         {share_450, true, false, 0.38f},  // dropped: the threshold drops too
@@ -142,12 +195,31 @@ TEST(DisparityFilter, BackLightThresholdHasHysteresisAcrossFrames) {
         DisparityMaps m(640, 480);
         if (s.back_lit) m.make_back_lit();
         m.speckle_rows(2, s.rows);
+        for (int c = 28; c < 28 + s.more; ++c) m.put(2 + s.rows, c, (s.rows + c) & 1 ? 500 : 1000);
         m.block(400, 100, 20, 20, 2000);
         ASSERT_EQ(0, m.filter(cam));
         // Kept frames lose their speckles only.
         EXPECT_EQ(s.kept ? 400u : 0u, m.count_nonzero()) << "frame " << n;
         EXPECT_EQ(s.kept, m.all(400, 100, 20, 20, 2000)) << "frame " << n;
         EXPECT_FLOAT_EQ(s.threshold_after, cam.small_region_threshold()) << "frame " << n++;
+    }
+}
+
+// A map without holes shows the border the operations leave empty: rows
+// r <= 1/f and height/f - r <= 7/f, columns c <= 27/f and width/f - c <= 29/f
+// of the down-sampled grid.
+TEST(DisparityFilter, TheBorderAtBothScales) {
+    struct Case {
+        uint16_t width, height;
+        int r0, c0, rows, cols;  // the non-zero output, full resolution
+    } cases[] = {{640, 480, 2, 28, 471, 583}, {1280, 720, 2, 28, 712, 1224}};
+    for (const Case& k : cases) {
+        ProcessingCamera cam;
+        DisparityMaps m(k.width, k.height);
+        std::fill(m.input.begin(), m.input.end(), 32);
+        ASSERT_EQ(0, m.filter(cam));
+        EXPECT_TRUE(m.all(k.r0, k.c0, k.rows, k.cols, 32)) << k.width;
+        EXPECT_EQ(size_t(k.rows) * k.cols, m.count_nonzero()) << k.width;
     }
 }
 
@@ -212,6 +284,11 @@ TEST(DisparityFilter, DistanceLimitsAreExclusiveAndBadOnesAreRefused) {
     EXPECT_EQ(line + line + line + line, ::testing::internal::GetCapturedStdout());
     EXPECT_EQ(320, cam.min_limit());  // the refused limits changed nothing
     EXPECT_EQ(960, cam.max_limit());
+    ProcessingCamera capped;
+    capped.bxf = 16383.0f;  // 32 x bxf / 32: exactly the cap
+    ASSERT_EQ(0, capped.set_disparity_filter_max_and_min_distance(32.0f, 32.0f));
+    EXPECT_EQ(16383, capped.min_limit());
+    EXPECT_EQ(16383, capped.max_limit());
 
     DisparityMaps m(640, 480);
     const uint16_t values[] = {320, 321, 959, 960};

@@ -1,11 +1,13 @@
-// Frame parsers: the documented cases on hand-built frames, and the fast
-// parsers against the one-pixel-at-a-time reference on random frames.
+// Frame parsers and the frame ring: the documented cases on hand-built
+// frames, the fast parsers against the one-pixel-at-a-time reference on
+// random frames, and frame ids and slots as the capture thread stores them.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <random>
 #include <vector>
 
+#include "common/ks_platform.h"
 #include "ks_v4l2_driver/source/ks_v4l2_driver.h"
 #include "v4l2_test_util.h"
 
@@ -66,6 +68,8 @@ TEST(Parsers, RgbdFrameCarriesMetadataImageAndShiftedDisparity) {
     f.set_v(5, 4, 100);  // source line 4 lands in output line 1
     f.set(0, 2, 7, 0xA, 0);
     f.set(1, 2, 8, 0x5, 0);  // chroma sample 0xA5 into U of line 2
+    f.set(0, 1, 7, 0xB, 0);
+    f.set(1, 1, 8, 0x6, 0);  // 0xB6 into V of line 1
 
     KsY4L2Cam* cam = handle_for(32, 8);
     Outputs o(32, 8);
@@ -82,8 +86,9 @@ TEST(Parsers, RgbdFrameCarriesMetadataImageAndShiftedDisparity) {
     EXPECT_EQ(100, o.disparity[32 + 5]);
     EXPECT_EQ(0xBBBB, o.disparity[32 * 5]);  // the last three lines are left alone
 
-    EXPECT_EQ(37, o.image[3 * 32 + 7]);     // luma of line 3
-    EXPECT_EQ(0xA5, o.image[32 * 8 + 16]);  // U: line 0 gave 16 samples, line 2 starts here
+    EXPECT_EQ(37, o.image[3 * 32 + 7]);        // luma of line 3
+    EXPECT_EQ(0xA5, o.image[32 * 8 + 16]);     // U: line 0 gave 16 samples, line 2 starts here
+    EXPECT_EQ(0xB6, o.image[32 * 8 * 5 / 4]);  // V: line 1 starts the plane
     delete cam;
 
     // A frame too narrow to hold the constants decodes none from beyond its line.
@@ -210,4 +215,64 @@ TEST(Parsers, FastParsersMatchTheReferenceOnRandomFrames) {
         ASSERT_TRUE(ref == fast) << w << "x" << h;
         delete cam;
     }
+}
+
+// Each frame's id comes from metadata words 23 to 25 (36 bits; the chroma
+// nibbles beside them do not count): the slot keeps its low 32 bits, the
+// sync address all of it. Slots follow in turn and the ninth frame reuses
+// the first.
+TEST(FrameRing, IdsFromTheMetadataLineAndSlotsInTurn) {
+    const uint64_t ids[] = {1,           0xFFF,       0x1000,      0xFFFFFF,   0x1000000,
+                            0xABC123456, 0xFFFFFFFFF, 0x800000001, 0x123456789};
+    KsY4L2Cam* cam = handle_for(26, 2);  // just wide enough for word 25
+    ASSERT_EQ(0, initDriverHandleFrameBuf(cam));
+    unsigned long sync = 0;
+    setVideoSyncIdAddress(cam, &sync);
+    _struct_ks_frame_ring* ring = cam->frame_ring;
+    for (int k = 0; k < 9; ++k) {
+        SourceFrame f(26, 2);
+        f.set_v(0, 0, 0xACE);
+        for (int w = 0; w < 3; ++w) f.set(23 + w, 0, 0xFF, 0xF, (ids[k] >> (24 - 12 * w)) & 0xFFF);
+        ASSERT_EQ(0, process_image(f.bytes.data(), cam));
+        EXPECT_EQ(k % 8, ring->latest.load()) << k;
+        EXPECT_EQ(static_cast<uint32_t>(ids[k]), ring->slots[k % 8].frame_id.load())
+            << std::hex << ids[k];
+        EXPECT_EQ(ids[k], sync) << std::hex << ids[k];
+        EXPECT_EQ(0, std::memcmp(f.bytes.data(), ring->slots[k % 8].data, f.bytes.size()));
+    }
+    cam->width = 25;  // too narrow to carry an id: the newest frame, in slot 1, has id 0
+    ASSERT_EQ(0, process_image(ring->slots[0].data, cam));
+    EXPECT_EQ(0u, sync);
+
+    // A consumer holding the newest id polls max_wait_count + 1 times, then
+    // gives up with 10; a reconnect ends the wait after one poll; an older id
+    // gets the newest frame without waiting.
+    static int polls;
+    ks_platform_ops counting = *ks_platform_default_ops();
+    counting.usleep = [](useconds_t) { return ++polls, 0; };
+    ASSERT_EQ(0, ks_platform_install(&counting));
+    cam->max_wait_count = 20;
+    cam->wait_period = 45000;
+    cam->nStatus = KS_STREAM_STREAMING;
+    unsigned int last = 0;
+    unsigned char* data = nullptr;
+    polls = 0;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(KS_FRAME_TIMEOUT, ksY4L2GetNextSourceData(&data, &last, cam));
+    EXPECT_EQ("Wait Image TimeOut[0 s]\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(21, polls);
+    polls = 0;
+    cam->reconnecting = 1;
+    EXPECT_EQ(KS_FRAME_RECONNECTING, ksY4L2GetNextSourceData(&data, &last, cam));
+    EXPECT_EQ(1, polls);
+    cam->reconnecting = 0;
+    polls = 0;
+    last = 5;
+    EXPECT_EQ(0, ksY4L2GetNextSourceData(&data, &last, cam));
+    EXPECT_EQ(0u, last);
+    EXPECT_EQ(ring->slots[1].data, data);
+    EXPECT_EQ(0, polls);
+    ks_platform_reset();
+    releaseDriverHandleFrameBuf(cam);
+    delete cam;
 }

@@ -82,10 +82,10 @@ TEST_F(V4l2Setup, ExactlyEightBuffersAreRequired) {
     kssim_camera* camera = add_camera();
     KsY4L2Cam* cam = open_handle(camera);
     ASSERT_NE(nullptr, cam);
-    inject(camera, KSSIM_FAULT_FEWER_BUFFERS, 4);
+    inject(camera, KSSIM_FAULT_FEWER_BUFFERS, 2);
     testing::internal::CaptureStdout();
     EXPECT_EQ(-3, init_device(cam));
-    EXPECT_EQ("REQBUF count unmatch: GetBufCnt 4--->Buffer Expected 8\n",
+    EXPECT_EQ("REQBUF count unmatch: GetBufCnt 2--->Buffer Expected 8\n",
               testing::internal::GetCapturedStdout());
 
     // The granted buffers keep the format busy until the node is closed.
@@ -158,6 +158,16 @@ TEST(V4l2Accessors, TimingFollowsTheFrameRateAndNullHandlesAreHarmless) {
         EXPECT_EQ(t[3], cam.timeout_usec.load());
     }
 
+    // The measured rate is handed out from the 51st frame on.
+    double fps = 1.0;
+    cam.real_time_fps = 14.5;
+    cam.frame_count = 50;
+    EXPECT_EQ(-1, ksV4l2GetRealTimeFPS(&cam, &fps));
+    EXPECT_EQ(0.0, fps);
+    cam.frame_count = 51;
+    EXPECT_EQ(0, ksV4l2GetRealTimeFPS(&cam, &fps));
+    EXPECT_EQ(14.5, fps);
+
     v4l2test::LogCapture log(LOG_WARN);
     EXPECT_EQ(-1, setV4l2StreamFPS(nullptr, 20.0f));
     EXPECT_EQ(0.0f, getv4l2StreamFPS(nullptr));
@@ -166,7 +176,6 @@ TEST(V4l2Accessors, TimingFollowsTheFrameRateAndNullHandlesAreHarmless) {
     EXPECT_EQ(0, ksV4l2GetDisparityOffset(nullptr));
     EXPECT_EQ(-1, ksV4l2SetSearchRangeOffset(nullptr, 1));
     EXPECT_EQ(0, ksV4l2GetRangeOffset(nullptr));
-    double fps = 1.0;
     EXPECT_EQ(-2, ksV4l2GetRealTimeFPS(nullptr, &fps));
     EXPECT_EQ(8, log.count("Empty stream handle\n"));
 }
