@@ -69,6 +69,10 @@ scope() {
             driver/driver_cpp/source/KSCameraProcessing*)
             echo "test_processing test_processing_first_call test_processing_threads" \
                 "|^(BackLight|DenseDisparity|DisparityFilter|DisparityProcessing|RoomScene|LineOffset|ProcessingThreads|Processing|PointCloud|RectDistance|RuntimeEnvironment|DisparityParamFile)\." ;;
+        ksAsicSdk/* | driver/driver_cpp/source/KSUVCCamera*)
+            echo "test_session_open test_session_lifecycle test_session_settings test_session_frames" \
+                "test_discovery test_discovery_helpers" \
+                "|^(SessionTest|LifecycleTest|SettingsTest|LineOffsetSplit|Discovery|DiscoveryHelpers|FakeHost)\." ;;
         *) echo "" ;;
     esac
 }
