@@ -69,6 +69,9 @@ scope() {
             driver/driver_cpp/source/KSCameraProcessing*)
             echo "test_processing test_processing_first_call test_processing_threads" \
                 "|^(BackLight|DenseDisparity|DisparityFilter|DisparityProcessing|RoomScene|LineOffset|ProcessingThreads|Processing|PointCloud|RectDistance|RuntimeEnvironment|DisparityParamFile)\." ;;
+        ksAsicSdk/source/ksAsicSDK_Impl_frames.cpp | ksAsicSdk/source/ksAsicSDK_Impl_epr.cpp | \
+            driver/driver_cpp/source/KSUVCCamera_frames.cpp)
+            echo "test_session_frames|^SessionTest\.(ImageAndDisparity|DenseAndFiltered|FramesWithout|StereoConstants|SecondStream|EprFiles|RefusedSlots|Maintenance|Calibration)" ;;
         ksAsicSdk/* | driver/driver_cpp/source/KSUVCCamera*)
             echo "test_session_open test_session_lifecycle test_session_settings test_session_frames" \
                 "test_discovery test_discovery_helpers" \
