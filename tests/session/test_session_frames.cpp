@@ -180,10 +180,6 @@ TEST_F(SessionTest, DenseAndFilteredDisparityModes) {
         const DistanceErrors processed = distance_errors(
             camera, bxf, kWidth, kHeight, [&](int x, int y) { return d[y * kWidth + x]; });
         EXPECT_GT(processed.valid, processed.samples / 4);
-        // PENDING SIMULATOR: this comparison means what it says only once the
-        // virtual camera sends the raw disparity where the device does (x + 22,
-        // y + 6). A simulator that sends it unshifted misregisters the raw and
-        // the processed map alike, and the check then holds only by a margin.
         EXPECT_LE(processed.mean(), raw.mean());
         expect_growing_ids_and_timestamps(handle_, kOriginDisparityCode,
                                           ksGetRGBDImageWithTimestamp);
