@@ -20,7 +20,7 @@ namespace {
 unsigned char* settled_frame(Camera& camera, unsigned skip, unsigned long* id) {
     KSCameraAbstract* h = camera.handle();
     Host& host = camera.host();
-    const uint64_t deadline = host.now_us() + 10000000;
+    const uint64_t deadline = host.now_us() + 30000000;
     unsigned long last = 0;
     unsigned seen = 0;
     while (host.now_us() < deadline) {
@@ -37,7 +37,7 @@ unsigned char* settled_frame(Camera& camera, unsigned skip, unsigned long* id) {
             return src;
         }
     }
-    throw CameraError("no frame arrived within 10 s");
+    throw CameraError("no frame arrived within 30 s");
 }
 
 std::string size_text(const fs::path& p) {

@@ -76,7 +76,9 @@ int channel_of_mode(_ks_video_mode_e mode) {
 unsigned char* wait_for_mode_frame(Camera& camera, _ks_video_mode_e mode, unsigned long* id) {
     KSCameraAbstract* h = camera.handle();
     Host& host = camera.host();
-    const uint64_t deadline = host.now_us() + 5000000;
+    // A new channel may need the camera to restart its pipeline: the bound is
+    // for a camera that stopped, not a slow one.
+    const uint64_t deadline = host.now_us() + 30000000;
     unsigned long last = 0;
     bool first = true;
     while (host.now_us() < deadline) {
@@ -96,7 +98,7 @@ unsigned char* wait_for_mode_frame(Camera& camera, _ks_video_mode_e mode, unsign
         }
     }
     throw CameraError(std::string("no frame of the ") + video_mode_name(mode) +
-                      " mode arrived within 5 s");
+                      " mode arrived within 30 s");
 }
 
 void prepare_stream(Camera& camera, const std::string& mode_name, int slot, double fps) {
