@@ -280,6 +280,30 @@ double true_depth(const Scene& scene, int width, int height, double bxf, double 
         .z;
 }
 
+namespace {
+
+// Sensor B, one baseline to the left, through its own readout window.
+void render_sensor_b(const Scene& scene, SceneView& view) {
+    const int width = view.width, height = view.height;
+    const size_t n = static_cast<size_t>(width) * static_cast<size_t>(height);
+    view.luma_b.resize(n);
+    view.depth_b.resize(n);
+    const double f = view.bxf / view.baseline;
+    const double cx = centre(width), cy = centre(height);
+    for (int y = 0; y < height; ++y) {
+        const double dy = (y + view.readout.line[1] - cy) / f;
+        for (int x = 0; x < width; ++x) {
+            const size_t i =
+                static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
+            const Hit b = scene.cast(-view.baseline, (x + view.readout.column[1] - cx) / f, dy);
+            view.luma_b[i] = static_cast<uint16_t>(std::min(4095.0, std::round(b.luma * 16)));
+            view.depth_b[i] = static_cast<float>(b.z);
+        }
+    }
+}
+
+}  // namespace
+
 std::shared_ptr<SceneView> render_view(const Scene& scene, int width, int height, double bxf,
                                        double baseline, const Readout& readout) {
     auto view = std::make_shared<SceneView>();
@@ -321,26 +345,8 @@ std::shared_ptr<SceneView> render_view(const Scene& scene, int width, int height
         view->u_a[c] = static_cast<uint8_t>((usum[c] + 2) / 4);
         view->v_a[c] = static_cast<uint8_t>((vsum[c] + 2) / 4);
     }
+    render_sensor_b(scene, *view);
     return view;
-}
-
-void render_sensor_b(const Scene& scene, SceneView& view) {
-    const int width = view.width, height = view.height;
-    const size_t n = static_cast<size_t>(width) * static_cast<size_t>(height);
-    view.luma_b.resize(n);
-    view.depth_b.resize(n);
-    const double f = view.bxf / view.baseline;
-    const double cx = centre(width), cy = centre(height);
-    for (int y = 0; y < height; ++y) {
-        const double dy = (y + view.readout.line[1] - cy) / f;
-        for (int x = 0; x < width; ++x) {
-            const size_t i =
-                static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
-            const Hit b = scene.cast(-view.baseline, (x + view.readout.column[1] - cx) / f, dy);
-            view.luma_b[i] = static_cast<uint16_t>(std::min(4095.0, std::round(b.luma * 16)));
-            view.depth_b[i] = static_cast<float>(b.z);
-        }
-    }
 }
 
 namespace {

@@ -91,7 +91,7 @@ struct SceneView {
     double bxf = 0, baseline = 0;
     Readout readout;
     std::vector<uint16_t> luma_a;   // 12-bit luma of sensor A
-    std::vector<uint16_t> luma_b;   // 12-bit luma of sensor B (empty until rendered)
+    std::vector<uint16_t> luma_b;   // 12-bit luma of sensor B
     std::vector<uint8_t> u_a, v_a;  // I420 chroma of sensor A, (width/2) x (height/2)
     std::vector<float> depth_a;     // depth per output pixel of sensor A (0: none)
     std::vector<float> depth_b;     // depth per output pixel of sensor B
@@ -99,11 +99,9 @@ struct SceneView {
     uint32_t seed = 0;
 };
 
-// Renders sensor A; sensor B, which only the pair and raw channels need,
-// is added by render_sensor_b.
+// Renders both sensors (a channel switch then only encodes again).
 std::shared_ptr<SceneView> render_view(const Scene& scene, int width, int height, double bxf,
                                        double baseline, const Readout& readout = Readout{});
-void render_sensor_b(const Scene& scene, SceneView& view);
 
 // Depth of output pixel (x, y) of sensor A, by casting its ray (no rendering).
 double true_depth(const Scene& scene, int width, int height, double bxf, double baseline,

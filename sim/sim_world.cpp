@@ -152,8 +152,6 @@ std::shared_ptr<const SourceFrame> FrameCache::get(const FrameParams& params) {
     std::shared_ptr<SceneView>& view = views_[vk];
     if (view == nullptr)
         view = render_view(Scene(s), params.width, params.height, params.bxf, params.baseline, r);
-    if (params.channel != KSSIM_CHANNEL_RGBD && view->luma_b.empty())
-        render_sensor_b(Scene(s), *view);
     std::shared_ptr<const SourceFrame> frame =
         encode_frame(*view, params.channel, params.brightness, params.search_range);
     if (params.brightness != 0 && frames_.size() >= 32) {
