@@ -68,7 +68,9 @@ class Discovery : public SessionTest {
 
     // Median of the non-zero disparities around the centre of the next frame.
     int centre_disparity(KSCameraAbstract* handle) {
-        const int64_t deadline = virtual_now_us() + 30000000;
+        // Generous: a loaded host can make the capture thread reopen the
+        // device a few times before the first frame is kept.
+        const int64_t deadline = virtual_now_us() + 600000000;
         unsigned long id = 0;
         unsigned char* frame = nullptr;
         while (ksGetCurrentFrame(handle, &id, &frame) != 0 && virtual_now_us() < deadline) {
