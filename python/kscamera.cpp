@@ -89,6 +89,9 @@ struct CameraState {
     KSCameraAbstract* handle = nullptr;
     std::string name;
     std::shared_ptr<WorldState> world;  // keeps a virtual camera's world alive
+    // Set by a mode change: frames of the earlier mode may still come. (The
+    // library prints the channel each time it is asked, so it is asked only then.)
+    bool check_channel = false;
 
     void close() {
         std::lock_guard<std::mutex> lock(mutex);
@@ -242,7 +245,7 @@ struct FrameData {
     std::vector<uint8_t> rect_left, rect_right;
 };
 
-FrameData read_frame(KSCameraAbstract* h, double timeout_s) {
+FrameData read_frame(KSCameraAbstract* h, bool* check_channel, double timeout_s) {
     FrameData f;
     _ks_video_mode_e mode = KS_VIDEO_MODE_RGBD;
     check(ksGetVideoMode(h, &mode), "reading the video mode");
@@ -264,7 +267,8 @@ FrameData read_frame(KSCameraAbstract* h, double timeout_s) {
         last = ksGetSafeCurrentFrame(h, &id, &src);
         if (last == 0 && src != nullptr) {
             unsigned char code = 0xFF;
-            if (ksGetImageChannelFromSrcData(h, src, &code) == channel_of(f.mode)) {
+            if (!*check_channel || ksGetImageChannelFromSrcData(h, src, &code) == channel_of(f.mode)) {
+                *check_channel = false;
                 f.id = id;
                 break;
             }
@@ -714,7 +718,9 @@ PYBIND11_MODULE(kscamera, m) {
             "wait_for_frame",
             [](const Camera& c, double timeout) {
                 if (!(timeout > 0)) throw py::value_error("timeout must be greater than 0");
-                FrameData d = c.call([&](KSCameraAbstract* h) { return read_frame(h, timeout); });
+                FrameData d = c.call([&](KSCameraAbstract* h) {
+                    return read_frame(h, &c.state().check_channel, timeout);
+                });
                 return to_python(std::move(d));
             },
             py::arg("timeout") = 10.0,
@@ -798,7 +804,12 @@ PYBIND11_MODULE(kscamera, m) {
             },
             [](const Camera& c, const py::object& o) {
                 const VideoMode mode = mode_from(o);
-                set_value(c, ksSetVideoMode, static_cast<_ks_video_mode_e>(mode), "video mode");
+                c.call([&](KSCameraAbstract* h) {
+                    check(ksSetVideoMode(h, static_cast<_ks_video_mode_e>(mode)),
+                          "setting the video mode");
+                    c.state().check_channel = true;
+                    return 0;
+                });
             },
             "VideoMode, or its name: rgbd, raw, rectified, dense, filtered")
         .def_property_readonly("resolution", &resolution, "(width, height)")
