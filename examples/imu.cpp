@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <unistd.h>
+
 #include <ksStereoCameraDriver.h>
 
 int main(int argc, char** argv) {
@@ -19,10 +21,14 @@ int main(int argc, char** argv) {
 
     std::printf("frame-id  counter   temp C   acc x/y/z (m/s^2)          gyro x/y/z (rad/s)\n");
     int read = 0;
-    for (int tries = 0; read < samples && tries < samples * 10; ++tries) {
+    for (int tries = 0; read < samples && tries < samples * 100; ++tries) {
         _ks_imu_data_set_s* s = nullptr;
         // Waits for the next sample; the record is reused by the next call.
-        if (ksGetIMUData(camera, &s) != 0 || s == nullptr) continue;
+        // Right after opening, the IMU is not ready yet: try again shortly.
+        if (ksGetIMUData(camera, &s) != 0 || s == nullptr) {
+            usleep(10000);
+            continue;
+        }
         std::printf("%-9llu %-9llu %6.2f  %8.3f %8.3f %8.3f   %8.4f %8.4f %8.4f\n",
                     static_cast<unsigned long long>(s->sync_id),
                     static_cast<unsigned long long>(s->timestamp), s->temperature, s->acc_x,

@@ -783,10 +783,20 @@ PYBIND11_MODULE(kscamera, m) {
             "Disparity and distance statistics over a rectangle of a frame")
         .def(
             "read_imu",
-            [](const Camera& c) {
-                return c.call([](KSCameraAbstract* h) {
+            [](const Camera& c, double timeout) {
+                if (!(timeout > 0)) throw py::value_error("timeout must be greater than 0");
+                return c.call([&](KSCameraAbstract* h) {
+                    // Right after the camera opens, the receiver drains the
+                    // IMU's queue and answers "not yet" at once.
+                    const uint64_t deadline = now_us() + static_cast<uint64_t>(timeout * 1e6);
                     _ks_imu_data_set_s* s = nullptr;
-                    check(ksGetIMUData(h, &s), "reading the IMU");
+                    int r = ksGetIMUData(h, &s);
+                    while ((r != 0 || s == nullptr) && now_us() < deadline) {
+                        const timespec pause{0, 1000000};
+                        nanosleep(&pause, nullptr);
+                        r = ksGetIMUData(h, &s);
+                    }
+                    check(r, "reading the IMU");
                     if (s == nullptr) fail(-2, "reading the IMU");
                     const _ks_imu_data_set_s v = *s;  // the ring slot is reused
                     return ImuSample{v.sync_id, v.timestamp, v.temperature,
@@ -794,7 +804,7 @@ PYBIND11_MODULE(kscamera, m) {
                                      {v.gyro_x, v.gyro_y, v.gyro_z}};
                 });
             },
-            "The next IMU sample")
+            py::arg("timeout") = 5.0, "The next IMU sample (timeout in seconds of camera time)")
         // ---- video mode and stream configuration
         .def_property(
             "video_mode",
