@@ -76,6 +76,8 @@ scope() {
             echo "test_session_open test_session_lifecycle test_session_settings test_session_frames" \
                 "test_discovery test_discovery_helpers" \
                 "|^(SessionTest|LifecycleTest|SettingsTest|LineOffsetSplit|Discovery|DiscoveryHelpers|FakeHost)\." ;;
+        python/* | packaging/*)
+            echo "kscamera|^(Python|Packaging)\." ;;
         *) echo "" ;;
     esac
 }

@@ -9,6 +9,8 @@ set -euo pipefail
 # The build and its tests, and kscam's libraries (CLI11, libpng, nlohmann-json).
 packages=(cmake ninja-build g++ gcc pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
           libcli11-dev libpng-dev nlohmann-json3-dev)
+# The Python module kscamera and its tests (Debian's interpreter and libraries).
+packages+=(python3-dev pybind11-dev python3-numpy python3-pytest)
 # Programs nobody here wrote that the client tests run: V4L2 clients on the
 # simulated node; ImageMagick, Python and Open3D reading kscam's files.
 clients=(v4l-utils ffmpeg imagemagick python3 python3-open3d)
