@@ -296,7 +296,7 @@ int main(int argc, char** argv) {
     double imu_seconds = 2;
     unsigned imu_count = 0;
     Action* imu = command(&app, "imu", "print IMU samples with the id of their video frame");
-    imu->app->add_option("-t,--duration", imu_seconds, "seconds (default 2)")
+    imu->app->add_option("-t,--duration", imu_seconds, "seconds from the first sample (default 2)")
         ->check(CLI::Range(0.01, 86400.0));
     imu->app->add_option("-n,--count", imu_count, "stop after this many samples")
         ->check(CLI::Range(1u, 10000000u));

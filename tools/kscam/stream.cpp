@@ -2,8 +2,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <deque>
+#include <thread>
 
 #include "tools/kscam/commands.h"
 #include "tools/kscam/frames.h"
@@ -142,25 +144,36 @@ int cmd_stream(Camera& camera, const StreamOptions& options) {
     return kExitOk;
 }
 
+// An IMU that gives no sample for this long (camera time) is reported.
+constexpr uint64_t kImuSilenceUs = 5000000;
+constexpr double kImuRetryUs = 10000;
+
 int cmd_imu(Camera& camera, double seconds, unsigned count) {
     KSCameraAbstract* h = camera.handle();
     Host& host = camera.host();
-    const uint64_t start = host.now_us();
+    // The duration counts from the first sample: the receiver answers
+    // "preparing" for a moment after the camera opens.
+    uint64_t start = host.now_us();
+    uint64_t last_sample = start;
     unsigned samples = 0;
-    int failures = 0;
     uint64_t first_ts = 0, last_ts = 0;
     double acc_sum = 0;
     say("%-10s %-10s %7s %9s %9s %9s %9s %9s %9s\n", "frame-id", "timestamp", "temp C", "acc x",
         "acc y", "acc z", "gyro x", "gyro y", "gyro z");
     while ((count == 0 || samples < count) &&
-           (seconds <= 0 || host.now_us() - start < static_cast<uint64_t>(seconds * 1e6))) {
+           (seconds <= 0 || samples == 0 ||
+            host.now_us() - start < static_cast<uint64_t>(seconds * 1e6))) {
         _ks_imu_data_set_s* s = nullptr;
         const int r = ksGetIMUData(h, &s);
         if (r != 0 || s == nullptr) {
-            if (++failures >= 3) check(r != 0 ? r : -2, "reading the IMU");
+            if (host.now_us() - last_sample > kImuSilenceUs) check(r != 0 ? r : -2, "reading the IMU");
+            // A pause on the camera's clock before asking again.
+            std::this_thread::sleep_for(std::chrono::microseconds(
+                static_cast<int64_t>(kImuRetryUs / std::max(host.warp(), 1e-3))));
             continue;
         }
-        failures = 0;
+        last_sample = host.now_us();
+        if (samples == 0) start = last_sample;
         const _ks_imu_data_set_s sample = *s;  // the ring slot is reused
         if (samples == 0) first_ts = sample.timestamp;
         last_ts = sample.timestamp;
