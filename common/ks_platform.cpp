@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -23,6 +24,7 @@ int libc_gettimeofday(struct timeval* tv, void*) {
 const ks_platform_ops kLibcOps = {
     libc_open, ::close,    libc_ioctl, ::mmap,  ::munmap,          ::select,        ::stat,
     ::scandir, ::realpath, ::usleep,   ::sleep, libc_gettimeofday, ::clock_gettime,
+    ::flock,
 };
 
 // Read by every thread that touches a device; acquire pairs with the release
@@ -31,7 +33,7 @@ std::atomic<const ks_platform_ops*> g_ops{&kLibcOps};
 
 bool is_complete(const ks_platform_ops& o) {
     return o.open && o.close && o.ioctl && o.mmap && o.munmap && o.select && o.stat && o.scandir &&
-           o.realpath && o.usleep && o.sleep && o.gettimeofday && o.clock_gettime;
+           o.realpath && o.usleep && o.sleep && o.gettimeofday && o.clock_gettime && o.flock;
 }
 
 inline const ks_platform_ops& ops() {
@@ -100,6 +102,9 @@ int ks_sys_gettimeofday(struct timeval* tv) {
 }
 int ks_sys_clock_gettime(clockid_t clock, struct timespec* ts) {
     return ops().clock_gettime(clock, ts);
+}
+int ks_sys_flock(int fd, int operation) {
+    return ops().flock(fd, operation);
 }
 
 }  // extern "C"

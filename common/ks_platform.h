@@ -41,6 +41,9 @@ typedef struct ks_platform_ops {
     unsigned int (*sleep)(unsigned int seconds);
     int (*gettimeofday)(struct timeval* tv, void* tz);
     int (*clock_gettime)(clockid_t clock, struct timespec* ts);
+    /* Advisory lock of an open device (flock(2) operations): control
+     * exchanges of different processes on one node never interleave. */
+    int (*flock)(int fd, int operation);
 } ks_platform_ops;
 
 /* The C library's table. */
@@ -73,6 +76,7 @@ KS_API int ks_sys_usleep(useconds_t usec);
 KS_API unsigned int ks_sys_sleep(unsigned int seconds);
 KS_API int ks_sys_gettimeofday(struct timeval* tv);
 KS_API int ks_sys_clock_gettime(clockid_t clock, struct timespec* ts);
+KS_API int ks_sys_flock(int fd, int operation);
 
 KS_END_DECLS
 

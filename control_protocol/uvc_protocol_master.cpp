@@ -5,7 +5,9 @@
 
 #include <linux/usb/video.h>
 #include <linux/uvcvideo.h>
+#include <errno.h>
 #include <pthread.h>
+#include <sys/file.h>
 
 #include <atomic>
 #include <mutex>
@@ -21,6 +23,10 @@ std::atomic<int> uvc_fd{-1};
 pthread_mutex_t mutex_uvc_extension = PTHREAD_MUTEX_INITIALIZER;
 std::once_flag init_once;
 std::atomic<int> is_init{0};
+
+// A signal may interrupt the wait for another process's exchange; a
+// process that keeps being signalled still gets through, unlocked.
+constexpr int kLockAttempts = 1000;
 
 int xu_query(int fd, unsigned char query, unsigned char* buf, int len) {
     if (buf == nullptr || len < 0) return -1;
@@ -103,6 +109,20 @@ int unlock_uvc_protocol_mutex(void) {
 
 int trylock_uvc_protocol_mutex(void) {
     return pthread_mutex_trylock(&mutex_uvc_extension);
+}
+
+int lock_uvc_device(int fd) {
+    if (fd < 0) return -1;
+    for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
+        if (ks_sys_flock(fd, LOCK_EX) == 0) return 0;
+        if (errno != EINTR) return -1;
+    }
+    return -1;
+}
+
+int unlock_uvc_device(int fd) {
+    if (fd < 0) return -1;
+    return ks_sys_flock(fd, LOCK_UN) == 0 ? 0 : -1;
 }
 
 int default_send_data(unsigned char*) {

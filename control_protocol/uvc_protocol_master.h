@@ -48,6 +48,19 @@ KS_API int unlock_uvc_protocol_mutex(void);
 // thread included) holds it. For diagnostics and tests; not exported.
 int trylock_uvc_protocol_mutex(void);
 
+// The advisory lock of the node behind fd (flock through the platform seam),
+// taken after the exchange mutex for each hold of it: the mutex keeps the
+// threads of this process apart, the lock keeps other processes that opened
+// the same camera from interleaving their messages with ours. It is bound to
+// the node itself, so every link to the node names the same lock, and the
+// kernel drops it with the descriptor when a process dies. 0 when the lock
+// is held; -1 when fd cannot be locked (no descriptor, or a file system
+// without locks): the exchange then goes ahead unlocked, as before there was
+// a lock.
+KS_API int lock_uvc_device(int fd);
+// Releases what lock_uvc_device(fd) took: 0, or -1.
+KS_API int unlock_uvc_device(int fd);
+
 // What the protocol uses while no transport is registered: nothing, 0.
 KS_API int default_send_data(unsigned char* buf);
 KS_API int default_receive_data(unsigned char* buf);

@@ -55,16 +55,19 @@ scope() {
             echo "test_common test_log_threads|^(FileUtils|Log|LogThreads|PlatformSeam)\." ;;
         control_protocol/*)
             echo "test_control_protocol test_control_sim test_control_sim_threads test_imu_receiver" \
-                "|^(Protocol[A-Za-z]*|ControlSim[A-Za-z]*|ImuReceiver[A-Za-z]*)\." ;;
+                "test_two_processes" \
+                "|^(Protocol[A-Za-z]*|ControlSim[A-Za-z]*|ImuReceiver[A-Za-z]*|TwoProcesses)\." ;;
         ks_asic_iic_ctrl/*)
             echo "test_ctrl_eeprom_store test_ctrl_asic_control test_ctrl_cmos_control" \
                 "test_ctrl_image_transfer test_ctrl_robustness test_ctrl_threads test_control_sim" \
-                "|^(EepromStore|AsicControl|CmosControl|ImageTransfer|CtrlLayer|Robustness|ControlSim)\." ;;
+                "test_two_processes" \
+                "|^(EepromStore|AsicControl|CmosControl|ImageTransfer|CtrlLayer|Robustness|ControlSim|TwoProcesses)\." ;;
         ks_v4l2_driver/*)
             echo "test_v4l2_parsers test_v4l2_setup test_v4l2_capture" \
                 "|^(Parsers|FrameRing|V4l2[A-Za-z]*)\." ;;
         ks_imu_module/*)
-            echo "test_imu_decode test_imu_receiver|^(ImuDecode|ImuReceiver[A-Za-z]*)\." ;;
+            echo "test_imu_decode test_imu_receiver test_two_processes" \
+                "|^(ImuDecode|ImuReceiver[A-Za-z]*|TwoProcesses)\." ;;
         driver/driver_cpp/source/KSDisparity* | driver/driver_cpp/source/KSBackLight* | \
             driver/driver_cpp/source/KSCameraProcessing*)
             echo "test_processing test_processing_first_call test_processing_threads" \

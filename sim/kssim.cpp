@@ -100,6 +100,11 @@ int kssim_world_set_warp(kssim_world* w, double warp) {
     return 0;
 }
 
+int kssim_world_set_lock_dir(kssim_world* w, const char* dir) {
+    if (w == nullptr || dir == nullptr) return -1;
+    return W(w)->set_lock_dir(dir);
+}
+
 double kssim_world_warp(const kssim_world* w) {
     return w == nullptr ? 0.0
                         : const_cast<World*>(reinterpret_cast<const World*>(w))->clock().warp();

@@ -148,6 +148,20 @@ double kssim_world_warp(const kssim_world* w);
 /* Virtual CLOCK_MONOTONIC in microseconds. */
 uint64_t kssim_world_now_us(kssim_world* w);
 
+/* Node locks and stream ownership shared between processes. A descriptor of
+ * a node takes flock(2) locks as on a real device node: the lock belongs to
+ * the node (every link names it) and goes with the last descriptor of its
+ * holder, at a process's death too. The locks live in one file per node in a
+ * directory; worlds of several processes given the same absolute directory,
+ * with cameras on the same node numbers, behave as processes that opened the
+ * same nodes: a node one of them locks is locked for the others, and a
+ * capture node one of them streams from is busy for the others (S_FMT and
+ * REQBUFS fail with EBUSY). Everything behind the nodes (registers, EEPROM,
+ * frames) stays each world's own. Without a directory the world makes a
+ * private one at its first lock and removes it with the world. Call before
+ * the first lock: 0, or -1 for a relative path or a world that has locked. */
+int kssim_world_set_lock_dir(kssim_world* w, const char* dir);
+
 /* Routes the library's platform seam to this world (one world at a time).
  * Returns 0, -1 when another world is installed. */
 int kssim_world_install(kssim_world* w);

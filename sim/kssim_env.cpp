@@ -120,6 +120,12 @@ kssim_world* world_from_env() {
         kssim_world_destroy(w);
         return nullptr;
     }
+    if ((v = getenv("KSSIM_LOCK_DIR")) != nullptr && *v != '\0' &&
+        kssim_world_set_lock_dir(w, v) != 0) {
+        fprintf(stderr, "kssim: invalid KSSIM_LOCK_DIR \"%s\"\n", v);
+        kssim_world_destroy(w);
+        return nullptr;
+    }
     for (long i = 0; i < cameras; ++i) {
         kssim_camera_config c = cfg;
         if (static_cast<size_t>(i) < serials.size() && !serials[i].empty())

@@ -13,6 +13,7 @@
 //   KSSIM_SENSOR    ov9281 | imx225 | sc132gs | ar0144 | ar0132
 //   KSSIM_IMU       0: cameras without IMU
 //   KSSIM_IMU_RATE  IMU samples per second
+//   KSSIM_LOCK_DIR  absolute directory of node locks shared with other processes
 #ifndef KSSIM_ENV_H
 #define KSSIM_ENV_H
 

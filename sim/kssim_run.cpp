@@ -31,6 +31,7 @@ void usage(FILE* out) {
             "  --sensor NAME      ov9281, imx225, sc132gs, ar0144 or ar0132\n"
             "  --no-imu           cameras without IMU\n"
             "  --imu-rate HZ      IMU samples per second (default 400)\n"
+            "  --lock-dir DIR     share node locks and streams with programs given the same DIR\n"
             "  --system           interpose the C library: any program sees the video nodes\n"
             "  --preload PATH     the preload library to use\n");
 }
@@ -98,6 +99,8 @@ int main(int argc, char** argv) {
             setenv("KSSIM_IMU", "0", 1);
         else if (strcmp(a, "--imu-rate") == 0)
             setenv("KSSIM_IMU_RATE", value(a), 1);
+        else if (strcmp(a, "--lock-dir") == 0)
+            setenv("KSSIM_LOCK_DIR", value(a), 1);
         else if (strcmp(a, "--system") == 0)
             system = true;
         else if (strcmp(a, "--preload") == 0)

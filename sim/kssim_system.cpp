@@ -25,6 +25,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -533,6 +534,15 @@ int ioctl(int fd, unsigned long request, ...) {
     }
     REAL(ioctl);
     return real_ioctl(fd, request, arg);
+}
+
+int flock(int fd, int operation) {
+    if (World* w = world_for_fd(fd)) {
+        Inside in;
+        return w->flock(fd, operation);
+    }
+    REAL(flock);
+    return real_flock(fd, operation);
 }
 
 // The world's sysfs attributes read through stdio (std::ifstream does).

@@ -1,9 +1,11 @@
 #include "sim/sim_camera.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <linux/uvcvideo.h>
 #include <linux/videodev2.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -67,6 +69,7 @@ Camera::Camera(World& world, Kind kind, const kssim_camera_config& cfg, int vide
 Camera::~Camera() {
     std::unique_lock<std::mutex> lk(mu_);
     stop_producer(lk);
+    drop_stream_claim();
 }
 
 // A freshly powered camera: initial size and channel, first frame id, its
@@ -92,6 +95,32 @@ kssim_camera_config Camera::config() const {
 }
 
 // ---- node layer ---------------------------------------------------------------
+
+OpenFile::~OpenFile() {
+    if (lock_fd >= 0) ::close(lock_fd);  // drops the lock with the descriptor
+}
+
+void Camera::set_stream_claim_file(const std::string& path) {
+    std::lock_guard<std::mutex> lk(mu_);
+    claim_path_ = path;
+}
+
+bool Camera::claim_stream() {
+    if (claim_path_.empty() || claim_fd_ >= 0) return true;
+    const int fd = ::open(claim_path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) return true;  // nothing to share through: this process decides
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        ::close(fd);
+        return false;
+    }
+    claim_fd_ = fd;
+    return true;
+}
+
+void Camera::drop_stream_claim() {
+    if (claim_fd_ >= 0) ::close(claim_fd_);
+    claim_fd_ = -1;
+}
 
 void Camera::attach(const std::shared_ptr<OpenFile>& f) {
     std::lock_guard<std::mutex> lk(mu_);
@@ -407,6 +436,11 @@ int Camera::set_fmt(OpenFile& f, void* arg, bool try_only) {
     int32_t value = 0;
     if (!try_only) {
         if ((owner_ != nullptr && owner_ != &f) || bufs_ != nullptr || streaming_) return -EBUSY;
+        // Another process streams from the node.
+        if (owner_ == nullptr) {
+            if (!claim_stream()) return -EBUSY;
+            drop_stream_claim();
+        }
         if (take_fault(KSSIM_FAULT_S_FMT_FAIL, &value)) return -(value > 0 ? value : EIO);
     }
     // The driver's adjustment: its one pixel format whatever was asked for,
@@ -480,6 +514,7 @@ void Camera::release_queue(std::unique_lock<std::mutex>& lk) {
     bufs_.reset();
     bstate_.clear();
     owner_ = nullptr;
+    drop_stream_claim();
     buf_type_ = 0;
 }
 
@@ -492,6 +527,7 @@ int Camera::reqbufs(OpenFile& f, void* arg) {
     release_queue(lk);
     r->capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP;
     if (r->count == 0) return 0;
+    if (!claim_stream()) return -EBUSY;  // another process streams from the node
     uint32_t grant = std::min({r->count, cfg_.max_buffers, kMaxBuffers});
     int32_t fewer = 0;
     if (take_fault(KSSIM_FAULT_FEWER_BUFFERS, &fewer))
@@ -1019,6 +1055,7 @@ void Camera::unplug_locked(std::unique_lock<std::mutex>& lk) {
     bufs_.reset();
     bstate_.clear();
     owner_ = nullptr;
+    drop_stream_claim();
     buf_type_ = 0;
     refresh_ready();  // every descriptor becomes readable
     ++instance_;

@@ -47,6 +47,14 @@ struct OpenFile {
     bool signalled = false;  // eventfd holds a count; guarded by the camera's mu_
     // Access priority (V4L2_PRIORITY_DEFAULT at open); guarded by the camera's mu_
     uint32_t priority = 2;
+    // Real descriptor of the node's lock file, opened at the first flock:
+    // one open file description per descriptor, as flock wants. Guarded by
+    // the world's lock_mu_.
+    int lock_fd = -1;
+    OpenFile() = default;
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+    ~OpenFile();
 };
 
 // The extension unit behind UVCIOC_CTRL_QUERY (the controller's message
@@ -163,6 +171,9 @@ class Camera {
     void tick(int64_t now_ns);
     kssim_camera_stats stats();
     long produce_frame(uint8_t* dst, size_t size);
+    // A file whose exclusive flock stands for owning the capture node's
+    // stream across processes (empty: this process alone decides).
+    void set_stream_claim_file(const std::string& path);
     // Wakes the producer to re-plan its wait (warp changed).
     void wake();
 
@@ -207,6 +218,9 @@ class Camera {
     void stop_producer(std::unique_lock<std::mutex>& lk);
     void stream_off(std::unique_lock<std::mutex>& lk);
     void release_queue(std::unique_lock<std::mutex>& lk);
+    // The stream claim of another process: false when one holds it.
+    bool claim_stream();  // caller holds mu_
+    void drop_stream_claim();  // caller holds mu_
     void refresh_ready();  // caller holds mu_
     void poll_state_locked(const OpenFile& f, bool* readable, bool* error) const;
     void producer_main();
@@ -262,6 +276,8 @@ class Camera {
     // queue
     std::vector<std::shared_ptr<OpenFile>> files_;
     OpenFile* owner_ = nullptr;
+    std::string claim_path_;  // see set_stream_claim_file; guarded by mu_
+    int claim_fd_ = -1;       // held while owner_ is set and claim_path_ is not empty
     uint32_t buf_type_ = 0;
     std::shared_ptr<BufferSet> bufs_;
     std::vector<BufState> bstate_;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/sysmacros.h>
@@ -13,6 +14,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "sim/sim_device.h"
 
@@ -113,6 +115,10 @@ unsigned int be_sleep(unsigned int seconds) {
     World* w = world();
     return w ? w->clock().sleep(seconds) : ::sleep(seconds);
 }
+int be_flock(int fd, int operation) {
+    World* w = world();
+    return w ? w->flock(fd, operation) : ::flock(fd, operation);
+}
 int be_gettimeofday(struct timeval* tv, void*) {
     World* w = world();
     return w ? w->clock().gettimeofday(tv) : ::gettimeofday(tv, nullptr);
@@ -125,6 +131,7 @@ int be_clock_gettime(clockid_t id, struct timespec* ts) {
 const ks_platform_ops kBackend = {
     be_open,    be_close,    be_ioctl,  be_mmap,  be_munmap,       be_select,        be_stat,
     be_scandir, be_realpath, be_usleep, be_sleep, be_gettimeofday, be_clock_gettime,
+    be_flock,
 };
 
 }  // namespace
@@ -187,6 +194,58 @@ World::~World() {
         mappings_.clear();
     }
     cams.clear();
+    if (private_lock_dir_) {
+        // Every descriptor is closed: the lock files go with their directory.
+        if (DIR* d = ::opendir(lock_dir_.c_str())) {
+            while (struct dirent* e = ::readdir(d))
+                if (e->d_name[0] != '.') ::unlink((lock_dir_ + "/" + e->d_name).c_str());
+            ::closedir(d);
+        }
+        ::rmdir(lock_dir_.c_str());
+    }
+}
+
+int World::set_lock_dir(const std::string& dir) {
+    if (dir.empty() || dir[0] != '/') return -1;
+    std::vector<Camera*> cams;
+    {
+        std::lock_guard<std::mutex> lk(lock_mu_);
+        if (lock_taken_) return -1;
+        lock_dir_ = normalize(dir);
+        private_lock_dir_ = false;
+    }
+    std::lock_guard<std::mutex> lk(mu_);
+    for (auto& c : cameras_)
+        c->set_stream_claim_file(lock_dir_ + "/video" + std::to_string(c->video_index()) +
+                                 ".stream");
+    return 0;
+}
+
+int World::flock(int fd, int operation) {
+    std::shared_ptr<OpenFile> f = file(fd);
+    if (f == nullptr) return ::flock(fd, operation);
+    int lock_fd = -1;
+    {
+        std::lock_guard<std::mutex> lk(lock_mu_);
+        lock_taken_ = true;
+        if (lock_dir_.empty()) {
+            char tmpl[] = "/tmp/kssim-locks-XXXXXX";
+            if (::mkdtemp(tmpl) == nullptr) return -1;
+            lock_dir_ = tmpl;
+            private_lock_dir_ = true;
+        }
+        if (f->lock_fd < 0) {
+            const std::string path = lock_dir_ + "/" +
+                                     f->camera->node_path(f->node).substr(std::strlen("/dev/")) +
+                                     ".lock";
+            f->lock_fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+            if (f->lock_fd < 0) return -1;
+        }
+        lock_fd = f->lock_fd;
+    }
+    // Waits outside the world's locks; the descriptor stays open while f
+    // (held here) lives.
+    return ::flock(lock_fd, operation);
 }
 
 void World::set_warp(double warp) {
@@ -266,6 +325,11 @@ Camera* World::add_camera(Camera::Kind kind, const kssim_camera_config& in) {
         cam->set_extension_unit(std::make_unique<Device>(*this, *cam, cfg));
     else
         cam->set_extension_unit(std::make_unique<NoExtensionUnit>());
+    {
+        std::lock_guard<std::mutex> dir_lk(lock_mu_);
+        if (!lock_dir_.empty() && !private_lock_dir_)
+            cam->set_stream_claim_file(lock_dir_ + "/video" + std::to_string(index) + ".stream");
+    }
     cameras_.push_back(std::move(cam));
     return cameras_.back().get();
 }

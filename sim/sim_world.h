@@ -81,6 +81,17 @@ class World {
     int scandir(const char* dir, struct dirent*** namelist, ks_scandir_filter_fn filter,
                 ks_scandir_compar_fn compar);
     char* realpath(const char* path, char* resolved);
+    // flock(2) of a world descriptor: the node's lock, held in a real lock
+    // file per node (see set_lock_dir), so it behaves as the kernel's lock on
+    // a device node does, across processes and at a process's death.
+    int flock(int fd, int operation);
+
+    // Where the node lock files and the stream claims of the capture nodes
+    // live: worlds of several processes given one absolute directory share
+    // them. Without it, a private directory made at the first lock and
+    // removed with the world. 0, or -1 for a path that is not absolute or
+    // once a lock has been taken.
+    int set_lock_dir(const std::string& dir);
 
     // ---- the rest of the POSIX surface, for the system preload
     // (sim_world_posix.cpp; errno set as the C library does)
@@ -147,6 +158,10 @@ class World {
         NodeKind node;
     };
     std::vector<ExtraLink> extra_by_path_;
+    std::mutex lock_mu_;    // lock_dir_, private_lock_dir_, every OpenFile's lock_fd
+    std::string lock_dir_;  // empty until set or first needed
+    bool private_lock_dir_ = false;
+    bool lock_taken_ = false;
     int next_port_ = 1;
 };
 

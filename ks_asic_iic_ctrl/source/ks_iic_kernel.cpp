@@ -23,14 +23,19 @@ constexpr unsigned int kFailed = 0xFFFFFFFFu;
 // camera's descriptor once it is held. The descriptor is process-wide: a
 // thread that selected its camera before waiting for the mutex would
 // redirect the exchange another thread has under way, so selection happens
-// only under the mutex.
+// only under the mutex. The node of the selected descriptor is locked for
+// the same span, so other processes wait as long as our threads do.
 class Exchange {
   public:
     explicit Exchange(const _struct_ks_ctrl_device* handle, bool select = true) {
         locked_ = lock_uvc_protocol_mutex() == 0;
-        if (locked_ && select) set_cur_uvc_fd(handle->fd);
+        if (!locked_) return;
+        if (select) set_cur_uvc_fd(handle->fd);
+        device_fd_ = get_cur_uvc_fd();
+        device_locked_ = lock_uvc_device(device_fd_) == 0;
     }
     ~Exchange() {
+        if (device_locked_) unlock_uvc_device(device_fd_);
         if (locked_) unlock_uvc_protocol_mutex();
     }
     Exchange(const Exchange&) = delete;
@@ -39,6 +44,8 @@ class Exchange {
 
   private:
     bool locked_ = false;
+    int device_fd_ = -1;
+    bool device_locked_ = false;
 };
 
 unsigned int status_of(int protocol_result) {

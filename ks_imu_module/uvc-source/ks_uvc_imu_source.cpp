@@ -36,7 +36,9 @@ std::atomic<int> dump_cnt{0};
 int fetch_samples(int fd, uint8_t* buf) {
     lock_uvc_protocol_mutex();
     set_cur_uvc_fd(fd);
+    const bool device_locked = lock_uvc_device(fd) == 0;
     int count = protocol_get_IMU(buf);
+    if (device_locked) unlock_uvc_device(fd);
     unlock_uvc_protocol_mutex();
     return count > kKsImuMaxSamplesPerFetch ? kKsImuMaxSamplesPerFetch : count;
 }
