@@ -1,10 +1,12 @@
 #include "common/ks_platform.h"
 
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,11 +22,20 @@ int libc_ioctl(int fd, unsigned long request, void* arg) {
 int libc_gettimeofday(struct timeval* tv, void*) {
     return ::gettimeofday(tv, nullptr);
 }
+// Process-private futexes: the words live in the library's own memory.
+int libc_futex_wait(const uint32_t* word, uint32_t expected, const struct timespec* timeout) {
+    return static_cast<int>(
+        ::syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, expected, timeout, nullptr, 0));
+}
+int libc_futex_wake(const uint32_t* word, int count) {
+    return static_cast<int>(
+        ::syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, count, nullptr, nullptr, 0));
+}
 
 const ks_platform_ops kLibcOps = {
-    libc_open, ::close,    libc_ioctl, ::mmap,  ::munmap,          ::select,        ::stat,
-    ::scandir, ::realpath, ::usleep,   ::sleep, libc_gettimeofday, ::clock_gettime,
-    ::flock,
+    libc_open,       ::close,   libc_ioctl,      ::mmap,          ::munmap, ::select,
+    ::stat,          ::scandir, ::realpath,      ::usleep,        ::sleep,  libc_gettimeofday,
+    ::clock_gettime, ::flock,   libc_futex_wait, libc_futex_wake,
 };
 
 // Read by every thread that touches a device; acquire pairs with the release
@@ -33,7 +44,8 @@ std::atomic<const ks_platform_ops*> g_ops{&kLibcOps};
 
 bool is_complete(const ks_platform_ops& o) {
     return o.open && o.close && o.ioctl && o.mmap && o.munmap && o.select && o.stat && o.scandir &&
-           o.realpath && o.usleep && o.sleep && o.gettimeofday && o.clock_gettime && o.flock;
+           o.realpath && o.usleep && o.sleep && o.gettimeofday && o.clock_gettime && o.flock &&
+           o.futex_wait && o.futex_wake;
 }
 
 inline const ks_platform_ops& ops() {
@@ -105,6 +117,12 @@ int ks_sys_clock_gettime(clockid_t clock, struct timespec* ts) {
 }
 int ks_sys_flock(int fd, int operation) {
     return ops().flock(fd, operation);
+}
+int ks_sys_futex_wait(const uint32_t* word, uint32_t expected, const struct timespec* timeout) {
+    return ops().futex_wait(word, expected, timeout);
+}
+int ks_sys_futex_wake(const uint32_t* word, int count) {
+    return ops().futex_wake(word, count);
 }
 
 }  // extern "C"

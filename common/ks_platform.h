@@ -11,6 +11,7 @@
 
 #include <dirent.h>
 #include <stddef.h>
+#include <stdint.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -44,6 +45,12 @@ typedef struct ks_platform_ops {
     /* Advisory lock of an open device (flock(2) operations): control
      * exchanges of different processes on one node never interleave. */
     int (*flock)(int fd, int operation);
+    /* Sleeps while *word holds expected, until a futex_wake on word or until
+     * the relative timeout (null: none) has passed on the table's clock.
+     * 0 when woken, -1 with errno EAGAIN (word differed), ETIMEDOUT or EINTR. */
+    int (*futex_wait)(const uint32_t* word, uint32_t expected, const struct timespec* timeout);
+    /* Wakes up to count threads waiting on word; the number woken, or -1. */
+    int (*futex_wake)(const uint32_t* word, int count);
 } ks_platform_ops;
 
 /* The C library's table. */
@@ -77,6 +84,9 @@ KS_API unsigned int ks_sys_sleep(unsigned int seconds);
 KS_API int ks_sys_gettimeofday(struct timeval* tv);
 KS_API int ks_sys_clock_gettime(clockid_t clock, struct timespec* ts);
 KS_API int ks_sys_flock(int fd, int operation);
+KS_API int ks_sys_futex_wait(const uint32_t* word, uint32_t expected,
+                             const struct timespec* timeout);
+KS_API int ks_sys_futex_wake(const uint32_t* word, int count);
 
 KS_END_DECLS
 

@@ -1,6 +1,8 @@
 #include "sim/sim_clock.h"
 
 #include <errno.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -134,6 +136,31 @@ unsigned int VirtualClock::sleep(unsigned int seconds) const {
     if (b.pristine) return ::sleep(seconds);
     real_sleep_ns(scale(static_cast<int64_t>(seconds) * kNsPerSec, 1.0 / b.warp));
     return 0;
+}
+
+int VirtualClock::futex_wait(const uint32_t* word, uint32_t expected,
+                             const struct timespec* timeout) const {
+    struct timespec real;
+    const struct timespec* span = timeout;
+    const Base b = base();
+    if (timeout != nullptr && !b.pristine) {
+        const int64_t ns = scale(
+            static_cast<int64_t>(timeout->tv_sec) * kNsPerSec + timeout->tv_nsec, 1.0 / b.warp);
+        real.tv_sec = static_cast<time_t>(ns / kNsPerSec);
+        real.tv_nsec = static_cast<long>(ns % kNsPerSec);
+        span = &real;
+    }
+    return host_futex_wait(word, expected, span);
+}
+
+int host_futex_wait(const uint32_t* word, uint32_t expected, const struct timespec* timeout) {
+    return static_cast<int>(
+        ::syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, expected, timeout, nullptr, 0));
+}
+
+int host_futex_wake(const uint32_t* word, int count) {
+    return static_cast<int>(
+        ::syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, count, nullptr, nullptr, 0));
 }
 
 }  // namespace kssim

@@ -11,6 +11,10 @@
 
 namespace kssim {
 
+// The host's own futex calls (process-private), for waits on a real span.
+int host_futex_wait(const uint32_t* word, uint32_t expected, const struct timespec* timeout);
+int host_futex_wake(const uint32_t* word, int count);
+
 class VirtualClock {
   public:
     VirtualClock();
@@ -33,6 +37,8 @@ class VirtualClock {
     int clock_gettime(clockid_t id, struct timespec* ts) const;
     int usleep(useconds_t usec) const;
     unsigned int sleep(unsigned int seconds) const;
+    // A futex wait whose time-out is a virtual span.
+    int futex_wait(const uint32_t* word, uint32_t expected, const struct timespec* timeout) const;
 
   private:
     static int64_t host_ns(clockid_t id);

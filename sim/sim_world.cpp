@@ -128,10 +128,19 @@ int be_clock_gettime(clockid_t id, struct timespec* ts) {
     return w ? w->clock().clock_gettime(id, ts) : ::clock_gettime(id, ts);
 }
 
+int be_futex_wait(const uint32_t* word, uint32_t expected, const struct timespec* timeout) {
+    World* w = world();
+    return w ? w->clock().futex_wait(word, expected, timeout)
+             : host_futex_wait(word, expected, timeout);
+}
+int be_futex_wake(const uint32_t* word, int count) {
+    return host_futex_wake(word, count);
+}
+
 const ks_platform_ops kBackend = {
-    be_open,    be_close,    be_ioctl,  be_mmap,  be_munmap,       be_select,        be_stat,
-    be_scandir, be_realpath, be_usleep, be_sleep, be_gettimeofday, be_clock_gettime,
-    be_flock,
+    be_open,          be_close,   be_ioctl,      be_mmap,       be_munmap, be_select,
+    be_stat,          be_scandir, be_realpath,   be_usleep,     be_sleep,  be_gettimeofday,
+    be_clock_gettime, be_flock,   be_futex_wait, be_futex_wake,
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <linux/videodev2.h>
 #include <sys/select.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +28,138 @@ inline uint32_t meta_word(const unsigned char* src, unsigned k) {
 bool keep_running(const KsY4L2Cam* cam) {
     return cam->nStatus.load(std::memory_order_acquire) == KS_STREAM_STREAMING &&
            !cam->stop_requested.load(std::memory_order_acquire);
+}
+
+static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t) &&
+                  std::atomic<uint32_t>::is_always_lock_free,
+              "the generation counter doubles as a futex word");
+
+std::atomic<ks_v4l2::Handoff> g_handoff{ks_v4l2::Handoff::WakeOnPublish};
+
+const uint32_t* futex_word(const std::atomic<uint32_t>& a) {
+    return reinterpret_cast<const uint32_t*>(&a);
+}
+
+// Tells consumers that something they wait for changed. The counter is
+// bumped before the waiters are read and consumers count themselves in
+// before they read it (both sequentially consistent), so either a sleeping
+// consumer is woken or it sees the new value and does not sleep.
+void wake_consumers(_struct_ks_frame_ring* ring) {
+    if (ring == nullptr) return;
+    ring->generation.fetch_add(1, std::memory_order_seq_cst);
+    if (ring->waiters.load(std::memory_order_seq_cst) != 0)
+        ks_sys_futex_wake(futex_word(ring->generation), INT_MAX);
+}
+
+int64_t monotonic_us() {
+    struct timespec ts;
+    ks_sys_clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+// Counts a consumer in for the length of one call.
+class WaiterScope {
+  public:
+    explicit WaiterScope(_struct_ks_frame_ring* ring) : ring_(ring) {
+        ring_->waiters.fetch_add(1, std::memory_order_seq_cst);
+    }
+    ~WaiterScope() { ring_->waiters.fetch_sub(1, std::memory_order_seq_cst); }
+    WaiterScope(const WaiterScope&) = delete;
+    WaiterScope& operator=(const WaiterScope&) = delete;
+
+  private:
+    _struct_ks_frame_ring* ring_;
+};
+
+// The slot `latest` points at when it holds a frame other than last_id.
+const _struct_ks_frame_slot* newer_frame(const _struct_ks_frame_ring* ring, unsigned int last_id) {
+    int32_t latest = ring->latest.load(std::memory_order_acquire);
+    if (latest < 0) return nullptr;
+    const _struct_ks_frame_slot& slot = ring->slots[latest];
+    return slot.frame_id.load(std::memory_order_relaxed) != last_id ? &slot : nullptr;
+}
+
+// One polling period of the wake-up hand-off: sleeps until the period has
+// passed, or until the newest frame is not last_id any more, or (when asked)
+// a reconnect starts. Returns that frame, or null without one. A reconnect
+// already under way lets the period run, as a polling consumer sleeps it.
+// A wake for a frame with the same id sleeps on for the rest of the period,
+// so the deadline stays the same number of periods whatever the camera sends.
+const _struct_ks_frame_slot* wait_one_period(KsY4L2Cam* cam, _struct_ks_frame_ring* ring,
+                                             unsigned int last_id, bool reconnect_ends_wait) {
+    const int64_t period = cam->wait_period.load() > 0 ? cam->wait_period.load() : 0;
+    const int64_t end = monotonic_us() + period;
+    const bool end_on_reconnect = reconnect_ends_wait && cam->reconnecting.load() != 1;
+    for (;;) {
+        uint32_t seen = ring->generation.load(std::memory_order_seq_cst);
+        if (const _struct_ks_frame_slot* slot = newer_frame(ring, last_id)) return slot;
+        if (end_on_reconnect && cam->reconnecting.load() == 1) return nullptr;
+        int64_t left = end - monotonic_us();
+        if (left <= 0) return nullptr;
+        struct timespec timeout;
+        timeout.tv_sec = static_cast<time_t>(left / 1000000);
+        timeout.tv_nsec = static_cast<long>(left % 1000000) * 1000;
+        if (ks_sys_futex_wait(futex_word(ring->generation), seen, &timeout) != 0 &&
+            errno == ETIMEDOUT) {
+            // The time-out ends the period even on a clock that did not move.
+            return newer_frame(ring, last_id);
+        }
+    }
+}
+
+// Hands out the slot: the frame's id becomes the consumer's last id.
+int hand_out(const _struct_ks_frame_slot* slot, unsigned char** data, unsigned int* last_id) {
+    *last_id = slot->frame_id.load(std::memory_order_relaxed);
+    *data = slot->data;
+    return 0;
+}
+
+int timed_out(const KsY4L2Cam* cam) {
+    printf("Wait Image TimeOut[%d s]\n", (cam->max_wait_count * cam->wait_period.load()) / 1000000);
+    return KS_FRAME_TIMEOUT;
+}
+
+bool stream_gone(const KsY4L2Cam* cam) {
+    return cam->nStatus.load(std::memory_order_acquire) != KS_STREAM_STREAMING &&
+           !cam->reconnecting.load();
+}
+
+// The original hand-off: sleep a polling period, look again.
+int next_frame_polling(unsigned char** data, unsigned int* last_id, KsY4L2Cam* cam,
+                       _struct_ks_frame_ring* ring) {
+    // Waits for the first frame as long as the stream lives.
+    while (ring->latest.load(std::memory_order_acquire) < 0) {
+        if (stream_gone(cam)) return KS_FRAME_TIMEOUT;
+        ks_sys_usleep(static_cast<useconds_t>(cam->wait_period.load()));
+    }
+    int waits = 0;
+    for (;;) {
+        if (const _struct_ks_frame_slot* slot = newer_frame(ring, *last_id))
+            return hand_out(slot, data, last_id);
+        ++waits;
+        ks_sys_usleep(static_cast<useconds_t>(cam->wait_period.load()));
+        if (waits > cam->max_wait_count) return timed_out(cam);
+        if (cam->reconnecting.load() == 1) return KS_FRAME_RECONNECTING;
+    }
+}
+
+// The same periods, codes and deadline, but a publish ends the wait at once.
+int next_frame_on_publish(unsigned char** data, unsigned int* last_id, KsY4L2Cam* cam,
+                          _struct_ks_frame_ring* ring) {
+    WaiterScope counted(ring);
+    while (ring->latest.load(std::memory_order_acquire) < 0) {
+        if (stream_gone(cam)) return KS_FRAME_TIMEOUT;
+        // Any id is new before the first frame.
+        if (wait_one_period(cam, ring, *last_id, false) != nullptr) break;
+    }
+    if (const _struct_ks_frame_slot* slot = newer_frame(ring, *last_id))
+        return hand_out(slot, data, last_id);
+    for (int waits = 1;; ++waits) {
+        if (const _struct_ks_frame_slot* slot = wait_one_period(cam, ring, *last_id, true))
+            return hand_out(slot, data, last_id);
+        if (waits > cam->max_wait_count) return timed_out(cam);
+        if (cam->reconnecting.load() == 1) return KS_FRAME_RECONNECTING;
+    }
 }
 
 void* leave_main_loop() {
@@ -59,6 +192,14 @@ uint64_t ks_frame_id_of(const unsigned char* src) {
 }
 
 namespace ks_v4l2 {
+
+void set_consumer_handoff(Handoff handoff) {
+    g_handoff.store(handoff, std::memory_order_relaxed);
+}
+
+Handoff consumer_handoff() {
+    return g_handoff.load(std::memory_order_relaxed);
+}
 
 int start_capture_thread(KsY4L2Cam* cam) {
     cam->stop_requested = false;
@@ -126,6 +267,7 @@ void* main_loop_func(void* arg) {
             if (ready != 0) break;
             fprintf(stderr, "select timeout\n");
             cam->reconnecting = 1;
+            wake_consumers(cam->frame_ring);
             reopenDevice(cam);
             cam->reconnecting = 0;
             cam->frame_count = 0;
@@ -198,6 +340,7 @@ int process_image(unsigned char* buf, KsY4L2Cam* cam) {
     ring->latest.store(index, std::memory_order_release);
     unsigned long* sync_id = cam->sync_id_addr.load(std::memory_order_acquire);
     if (sync_id != nullptr) __atomic_store_n(sync_id, id, __ATOMIC_RELEASE);
+    wake_consumers(ring);
     return 0;
 }
 
@@ -218,32 +361,9 @@ int ksY4L2GetNextSourceData(unsigned char** data, unsigned int* last_id, KsY4L2C
     _struct_ks_frame_ring* ring = cam->frame_ring;
     if (ring == nullptr) return KS_FRAME_TIMEOUT;
     ring->consumer_calls.fetch_add(1, std::memory_order_release);
-    // Waits for the first frame as long as the stream lives.
-    while (ring->latest.load(std::memory_order_acquire) < 0) {
-        if (cam->nStatus.load(std::memory_order_acquire) != KS_STREAM_STREAMING &&
-            !cam->reconnecting.load())
-            return KS_FRAME_TIMEOUT;
-        ks_sys_usleep(static_cast<useconds_t>(cam->wait_period.load()));
-    }
-    int waits = 0;
-    for (;;) {
-        const _struct_ks_frame_slot& slot =
-            ring->slots[ring->latest.load(std::memory_order_acquire)];
-        uint32_t id = slot.frame_id.load(std::memory_order_relaxed);
-        if (id != *last_id) {
-            *last_id = id;
-            *data = slot.data;
-            return 0;
-        }
-        ++waits;
-        ks_sys_usleep(static_cast<useconds_t>(cam->wait_period.load()));
-        if (waits > cam->max_wait_count) {
-            printf("Wait Image TimeOut[%d s]\n",
-                   (cam->max_wait_count * cam->wait_period.load()) / 1000000);
-            return KS_FRAME_TIMEOUT;
-        }
-        if (cam->reconnecting.load() == 1) return KS_FRAME_RECONNECTING;
-    }
+    if (ks_v4l2::consumer_handoff() == ks_v4l2::Handoff::Polling)
+        return next_frame_polling(data, last_id, cam, ring);
+    return next_frame_on_publish(data, last_id, cam, ring);
 }
 
 int ksY4L2GetNextSafeSourceData(unsigned char** data, unsigned int* last_id, KsY4L2Cam* cam) {

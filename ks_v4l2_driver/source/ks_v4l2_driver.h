@@ -53,6 +53,11 @@ struct _struct_ks_frame_ring {
     // rewrites a slot: whatever a consumer read before asking for its next
     // frame is ordered before the slot is reused.
     std::atomic<uint32_t> consumer_calls;
+    // Bumped after every publish (and when a reconnect starts); consumers
+    // sleep on it as a futex word instead of polling.
+    std::atomic<uint32_t> generation;
+    // Consumers inside a call: the producer wakes the word only when some.
+    std::atomic<uint32_t> waiters;
 };
 
 typedef struct _struct_ks_Y4L2Cam {
@@ -168,5 +173,14 @@ int parseRawFrame(unsigned char* src, KsY4L2Cam* cam, _cam_frame_raw_data* out,
 
 // Frame id carried in words M23..M25 of a source frame's metadata line.
 uint64_t ks_frame_id_of(const unsigned char* src);
+
+namespace ks_v4l2 {
+// How a consumer waits for a newer frame: woken by the capture thread's
+// publish (the default), or by sleeping in steps of the polling period (the
+// original design, kept selectable for comparisons). Process-wide.
+enum class Handoff { WakeOnPublish, Polling };
+void set_consumer_handoff(Handoff handoff);
+Handoff consumer_handoff();
+}  // namespace ks_v4l2
 
 #endif

@@ -246,7 +246,9 @@ TEST(FrameRing, IdsFromTheMetadataLineAndSlotsInTurn) {
 
     // A consumer holding the newest id polls max_wait_count + 1 times, then
     // gives up with 10; a reconnect ends the wait after one poll; an older id
-    // gets the newest frame without waiting.
+    // gets the newest frame without waiting. Polls are counted on the polling
+    // hand-off; the wake-up hand-off has its own test.
+    ks_v4l2::set_consumer_handoff(ks_v4l2::Handoff::Polling);
     static int polls;
     ks_platform_ops counting = *ks_platform_default_ops();
     counting.usleep = [](useconds_t) { return ++polls, 0; };
@@ -273,6 +275,7 @@ TEST(FrameRing, IdsFromTheMetadataLineAndSlotsInTurn) {
     EXPECT_EQ(ring->slots[1].data, data);
     EXPECT_EQ(0, polls);
     ks_platform_reset();
+    ks_v4l2::set_consumer_handoff(ks_v4l2::Handoff::WakeOnPublish);
     releaseDriverHandleFrameBuf(cam);
     delete cam;
 }
