@@ -267,6 +267,15 @@ long kssim_camera_produce_frame(kssim_camera* c, uint8_t* dst, size_t size) {
     return c == nullptr ? -1 : C(c)->produce_frame(dst, size);
 }
 
+int kssim_camera_frame_ready_ns(kssim_camera* c, uint32_t frame_id, int64_t* host_ns) {
+    if (c == nullptr || host_ns == nullptr) return -1;
+    return C(c)->frame_ready_ns(frame_id, host_ns) ? 0 : -1;
+}
+
+uint64_t kssim_camera_producer_cpu_ns(kssim_camera* c) {
+    return c == nullptr ? 0 : C(c)->producer_cpu_ns();
+}
+
 // ---- control side ------------------------------------------------------------------------
 
 int kssim_camera_eeprom_read(kssim_camera* c, uint32_t addr, uint8_t* buf, size_t len) {

@@ -355,6 +355,16 @@ int kssim_camera_fault_active(kssim_camera* c, kssim_fault_kind kind);
  * smaller. Meant for tests and benchmarks. */
 long kssim_camera_produce_frame(kssim_camera* c, uint8_t* dst, size_t size);
 
+/* The host's own CLOCK_MONOTONIC (not the virtual clock), in nanoseconds,
+ * at which the frame whose id has these low 32 bits was complete in a buffer
+ * and the capture node readable; known for the last 64 frames delivered.
+ * 0, or -1 when the frame is not among them. Meant for latency benchmarks. */
+int kssim_camera_frame_ready_ns(kssim_camera* c, uint32_t frame_id, int64_t* host_ns);
+
+/* CPU time (nanoseconds) the camera's frame producer has used so far, so
+ * that a benchmark can tell the camera's own cost from the host's. */
+uint64_t kssim_camera_producer_cpu_ns(kssim_camera* c);
+
 /* ---- the control side ------------------------------------------------------
  *
  * Extension unit. UVCIOC_CTRL_QUERY on any open descriptor of a camera's

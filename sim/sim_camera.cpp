@@ -735,9 +735,22 @@ std::shared_ptr<const SourceFrame> Camera::frame_source(std::unique_lock<std::mu
     return fr;
 }
 
+namespace {
+
+int64_t host_clock_ns(clockid_t id) {
+    struct timespec ts;
+    ::clock_gettime(id, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+}  // namespace
+
 void Camera::producer_main() {
     std::unique_lock<std::mutex> lk(mu_);
+    producer_cpu_now_ns_.store(0, std::memory_order_relaxed);
     while (!stop_) {
+        producer_cpu_now_ns_.store(static_cast<uint64_t>(host_clock_ns(CLOCK_THREAD_CPUTIME_ID)),
+                                   std::memory_order_relaxed);
         const int64_t now = world_.clock().mono_ns();
         if (now < next_due_ns_) {
             const int64_t wait =
@@ -766,6 +779,9 @@ void Camera::producer_main() {
         next_due_ns_ = due + period;
         emit_frame(lk, due);
     }
+    producer_cpu_done_ns_.fetch_add(static_cast<uint64_t>(host_clock_ns(CLOCK_THREAD_CPUTIME_ID)),
+                                    std::memory_order_relaxed);
+    producer_cpu_now_ns_.store(0, std::memory_order_relaxed);
 }
 
 // The id of the next frame and the per-frame faults (caller holds mu_).
@@ -828,6 +844,9 @@ void Camera::emit_frame(std::unique_lock<std::mutex>& lk, int64_t due_ns) {
     b.sequence = seq;
     b.timestamp_ns = due_ns;
     done_.push_back(index);
+    ready_times_[ready_next_] =
+        ReadyTime{static_cast<uint32_t>(st.id), host_clock_ns(CLOCK_MONOTONIC)};
+    ready_next_ = (ready_next_ + 1) % kReadyTimes;
     ++stats_.frames_delivered;
     refresh_ready();
     cv_.notify_all();
@@ -846,6 +865,22 @@ long Camera::produce_frame(uint8_t* dst, size_t size) {
         static_cast<uint64_t>(std::max<int64_t>(world_.clock().mono_ns() - plug_ns_, 0)) / 1000;
     lk.unlock();
     return static_cast<long>(write_frame(dst, need, *src, st, ts_us));
+}
+
+bool Camera::frame_ready_ns(uint32_t frame_id, int64_t* host_ns) const {
+    std::lock_guard<std::mutex> lk(mu_);
+    for (const ReadyTime& r : ready_times_) {
+        if (r.host_ns >= 0 && r.id == frame_id) {
+            *host_ns = r.host_ns;
+            return true;
+        }
+    }
+    return false;
+}
+
+uint64_t Camera::producer_cpu_ns() const {
+    return producer_cpu_done_ns_.load(std::memory_order_relaxed) +
+           producer_cpu_now_ns_.load(std::memory_order_relaxed);
 }
 
 void Camera::wake() {

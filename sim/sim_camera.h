@@ -174,6 +174,11 @@ class Camera {
     // A file whose exclusive flock stands for owning the capture node's
     // stream across processes (empty: this process alone decides).
     void set_stream_claim_file(const std::string& path);
+    // Host monotonic time at which the frame with this id (low 32 bits) was
+    // complete in a buffer, for the last kReadyTimes frames delivered.
+    bool frame_ready_ns(uint32_t frame_id, int64_t* host_ns) const;
+    // CPU time of the producer threads so far.
+    uint64_t producer_cpu_ns() const;
     // Wakes the producer to re-plan its wait (warp changed).
     void wake();
 
@@ -286,6 +291,15 @@ class Camera {
     uint32_t sequence_ = 0;
 
     // producer
+    static constexpr size_t kReadyTimes = 64;
+    struct ReadyTime {
+        uint32_t id = 0;
+        int64_t host_ns = -1;
+    };
+    ReadyTime ready_times_[kReadyTimes];             // guarded by mu_
+    size_t ready_next_ = 0;                          // guarded by mu_
+    std::atomic<uint64_t> producer_cpu_done_ns_{0};  // of producers that ended
+    std::atomic<uint64_t> producer_cpu_now_ns_{0};   // of the running one
     std::thread producer_;
     bool stop_ = false;
     int64_t next_due_ns_ = 0;
