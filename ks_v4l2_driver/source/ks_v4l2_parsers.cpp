@@ -76,9 +76,10 @@ inline void reference_luma_chroma(const unsigned char* p, int r, int c, I420Plan
         *planes->v++ = sample;
 }
 
-// Luma and chroma of one line of image A: vector groups, then pixel pairs.
-inline void luma_chroma_line(const unsigned char* line, int width, uint8_t*& y, uint8_t*& chroma) {
-    int done = ks_v4l2::simd_luma_chroma(line, width, y, chroma);
+// Luma and chroma of one line of image A from pixel `done` (even) on, one
+// pixel pair at a time; moves y and chroma past the line.
+inline void finish_luma_chroma(const unsigned char* line, int width, int done, uint8_t*& y,
+                               uint8_t*& chroma) {
     int pairs = width / 2;
     const unsigned char* p = line + 3 * done;
     for (int k = done / 2; k < pairs; ++k, p += 6) {
@@ -89,6 +90,11 @@ inline void luma_chroma_line(const unsigned char* line, int width, uint8_t*& y, 
     if (width & 1) y[width - 1] = p[2];
     y += width;
     chroma += pairs;
+}
+
+// Luma and chroma of one line of image A: vector groups, then pixel pairs.
+inline void luma_chroma_line(const unsigned char* line, int width, uint8_t*& y, uint8_t*& chroma) {
+    finish_luma_chroma(line, width, ks_v4l2::simd_luma_chroma(line, width, y, chroma), y, chroma);
 }
 
 // The 12-bit values of one line.
@@ -207,14 +213,19 @@ int parseRgbDFrame(unsigned char* src, KsY4L2Cam* cam, _cam_frame_rgbd_data* out
     const size_t line_bytes = static_cast<size_t>(width) * 3;
     for (int r = 0; r < height; ++r) {
         const unsigned char* line = src + r * line_bytes;
-        luma_chroma_line(line, width, planes.y, (r & 1) == 0 ? planes.u : planes.v);
-        if (r == 0) {
-            values_line(line, width, meta);
-            std::memset(disparity, 0, sizeof(uint16_t) * width);
-            disparity += width;
-        } else if (r >= kFirstDisparityLine) {
+        uint8_t*& chroma = (r & 1) == 0 ? planes.u : planes.v;
+        if (r < kFirstDisparityLine) {
+            luma_chroma_line(line, width, planes.y, chroma);
+            if (r == 0) {
+                values_line(line, width, meta);
+                std::memset(disparity, 0, sizeof(uint16_t) * width);
+                disparity += width;
+            }
+        } else {
             int clamps = 0;
-            int c = ks_v4l2::simd_disparity(line, width, sum_offset, disparity, &clamps);
+            int c = ks_v4l2::simd_rgbd_line(line, width, planes.y, chroma, sum_offset, disparity,
+                                            &clamps);
+            finish_luma_chroma(line, width, c, planes.y, chroma);
             for (; c < width; ++c) {
                 bool clamped = false;
                 disparity[c] = corrected(value12(line + 3 * c), sum_offset, &clamped);
@@ -241,12 +252,15 @@ int parseRectifiedFrame(unsigned char* src, KsY4L2Cam* cam, _cam_frame_raw_data*
     const size_t line_bytes = static_cast<size_t>(width) * 3;
     for (int r = 0; r < height; ++r) {
         const unsigned char* line = src + r * line_bytes;
-        luma_chroma_line(line, width, planes.y, (r & 1) == 0 ? planes.u : planes.v);
+        uint8_t*& chroma = (r & 1) == 0 ? planes.u : planes.v;
         if (r == 0) {
+            luma_chroma_line(line, width, planes.y, chroma);
             values_line(line, width, meta);
             std::memset(gray, 0, width);
         } else {
-            for (int c = ks_v4l2::simd_gray(line, width, gray); c < width; ++c)
+            int c = ks_v4l2::simd_rectified_line(line, width, planes.y, chroma, gray);
+            finish_luma_chroma(line, width, c, planes.y, chroma);
+            for (; c < width; ++c)
                 gray[c] = static_cast<uint8_t>((line[3 * c] >> 4) + (line[3 * c + 1] << 4));
         }
         gray += width;
