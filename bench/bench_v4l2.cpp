@@ -168,4 +168,4 @@ void CaptureThread(benchmark::State& state) {
 BENCHMARK(ParseRgbd)->ArgName("fast")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(ParseRectified)->ArgName("fast")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(ParseRaw)->ArgName("fast")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(CaptureThread)->Iterations(60)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(CaptureThread)->Iterations(150)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -12,6 +12,7 @@
 #include "common/ks_platform.h"
 #include "ks_v4l2_driver/source/ks_v4l2_driver.h"
 #include "ks_v4l2_driver/source/ks_v4l2_internal.h"
+#include "ks_v4l2_driver/source/ks_v4l2_simd.h"
 
 namespace {
 
@@ -333,7 +334,7 @@ int process_image(unsigned char* buf, KsY4L2Cam* cam) {
     ring->write_index.store(index, std::memory_order_relaxed);
     _struct_ks_frame_slot& slot = ring->slots[index];
     (void)ring->consumer_calls.load(std::memory_order_acquire);
-    memcpy(slot.data, buf, cam->frm_size);
+    ks_v4l2::copy_frame(slot.data, buf, cam->frm_size);
     // The id needs words up to M25: frames narrower than 26 pixels carry none.
     uint64_t id = cam->width >= 26 ? ks_frame_id_of(buf) : 0;
     slot.frame_id.store(static_cast<uint32_t>(id), std::memory_order_relaxed);

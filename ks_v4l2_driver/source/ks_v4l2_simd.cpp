@@ -1,6 +1,7 @@
 #include "ks_v4l2_driver/source/ks_v4l2_simd.h"
 
 #include <atomic>
+#include <cstring>
 
 namespace {
 
@@ -295,10 +296,37 @@ KS_AVX2 int raw_avx2(const unsigned char* line, int width, uint16_t* a, uint16_t
     return n;
 }
 
+KS_AVX2 void stream_copy_avx2(uint8_t* dst, const uint8_t* src, size_t size) {
+    // Up to the first 32-byte boundary of dst the ordinary way.
+    size_t head = (32 - (reinterpret_cast<uintptr_t>(dst) & 31)) & 31;
+    if (head > size) head = size;
+    std::memcpy(dst, src, head);
+    size_t i = head;
+    for (; i + 128 <= size; i += 128) {
+        __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i));
+        __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i + 32));
+        __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i + 64));
+        __m256i d = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i + 96));
+        _mm256_stream_si256(reinterpret_cast<__m256i*>(dst + i), a);
+        _mm256_stream_si256(reinterpret_cast<__m256i*>(dst + i + 32), b);
+        _mm256_stream_si256(reinterpret_cast<__m256i*>(dst + i + 64), c);
+        _mm256_stream_si256(reinterpret_cast<__m256i*>(dst + i + 96), d);
+    }
+    // Streaming stores are weakly ordered: complete them before the slot is published.
+    _mm_sfence();
+    std::memcpy(dst + i, src + i, size - i);
+}
+
 }  // namespace
 
 namespace ks_v4l2 {
 
+void copy_frame(uint8_t* dst, const uint8_t* src, size_t size) {
+    if (have_avx2())
+        stream_copy_avx2(dst, src, size);
+    else
+        std::memcpy(dst, src, size);
+}
 int simd_luma_chroma(const unsigned char* line, int width, uint8_t* y, uint8_t* chroma) {
     if (have_avx2()) return luma_chroma_avx2(line, width, y, chroma);
     return have_ssse3() ? luma_chroma_ssse3(line, width, y, chroma) : 0;
@@ -331,6 +359,9 @@ int simd_raw(const unsigned char* line, int width, uint16_t* a, uint16_t* b) {
 #else
 
 namespace ks_v4l2 {
+void copy_frame(uint8_t* dst, const uint8_t* src, size_t size) {
+    std::memcpy(dst, src, size);
+}
 int simd_luma_chroma(const unsigned char*, int, uint8_t*, uint8_t*) {
     return 0;
 }

@@ -6,6 +6,7 @@
 #ifndef KS_V4L2_SIMD_H
 #define KS_V4L2_SIMD_H
 
+#include <cstddef>
 #include <cstdint>
 
 namespace ks_v4l2 {
@@ -28,6 +29,10 @@ int simd_rgbd_line(const unsigned char* line, int width, uint8_t* y, uint8_t* ch
 // bits as the grey image.
 int simd_rectified_line(const unsigned char* line, int width, uint8_t* y, uint8_t* chroma,
                         uint8_t* gray);
+// Copies a whole frame into a ring slot with streaming stores where the
+// processor has them: the slot's old contents are never read, so their cache
+// lines need not be fetched first.
+void copy_frame(uint8_t* dst, const uint8_t* src, size_t size);
 // Image A (luma and chroma nibble) and image B (12-bit value), both shifted
 // to the top of 16 bits.
 int simd_raw(const unsigned char* line, int width, uint16_t* a, uint16_t* b);
