@@ -63,8 +63,8 @@ scope() {
                 "test_two_processes" \
                 "|^(EepromStore|AsicControl|CmosControl|ImageTransfer|CtrlLayer|Robustness|ControlSim|TwoProcesses)\." ;;
         ks_v4l2_driver/*)
-            echo "test_v4l2_parsers test_v4l2_setup test_v4l2_capture" \
-                "|^(Parsers|FrameRing|V4l2[A-Za-z]*)\." ;;
+            echo "test_v4l2_parsers test_v4l2_setup test_v4l2_capture test_v4l2_handoff" \
+                "|^(Parsers|FrameRing|FrameHandoff|V4l2[A-Za-z]*)\." ;;
         ks_imu_module/*)
             echo "test_imu_decode test_imu_receiver test_two_processes" \
                 "|^(ImuDecode|ImuReceiver[A-Za-z]*|TwoProcesses)\." ;;

@@ -120,6 +120,14 @@ int timed_out(const KsY4L2Cam* cam) {
     return KS_FRAME_TIMEOUT;
 }
 
+// After a consumer's n-th polling period without a new frame: it gives up
+// (10), reports a reconnect (9), or waits on (0).
+int after_period(const KsY4L2Cam* cam, int waits) {
+    if (waits > cam->max_wait_count) return timed_out(cam);
+    if (cam->reconnecting.load() == 1) return KS_FRAME_RECONNECTING;
+    return 0;
+}
+
 bool stream_gone(const KsY4L2Cam* cam) {
     return cam->nStatus.load(std::memory_order_acquire) != KS_STREAM_STREAMING &&
            !cam->reconnecting.load();
@@ -139,8 +147,7 @@ int next_frame_polling(unsigned char** data, unsigned int* last_id, KsY4L2Cam* c
             return hand_out(slot, data, last_id);
         ++waits;
         ks_sys_usleep(static_cast<useconds_t>(cam->wait_period.load()));
-        if (waits > cam->max_wait_count) return timed_out(cam);
-        if (cam->reconnecting.load() == 1) return KS_FRAME_RECONNECTING;
+        if (int code = after_period(cam, waits)) return code;
     }
 }
 
@@ -158,8 +165,7 @@ int next_frame_on_publish(unsigned char** data, unsigned int* last_id, KsY4L2Cam
     for (int waits = 1;; ++waits) {
         if (const _struct_ks_frame_slot* slot = wait_one_period(cam, ring, *last_id, true))
             return hand_out(slot, data, last_id);
-        if (waits > cam->max_wait_count) return timed_out(cam);
-        if (cam->reconnecting.load() == 1) return KS_FRAME_RECONNECTING;
+        if (int code = after_period(cam, waits)) return code;
     }
 }
 
