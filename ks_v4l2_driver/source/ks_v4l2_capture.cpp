@@ -41,7 +41,7 @@ const uint32_t* futex_word(const std::atomic<uint32_t>& a) {
     return reinterpret_cast<const uint32_t*>(&a);
 }
 
-// Tells consumers that something they wait for changed. The counter is
+// Tells waiting consumers that a frame was published. The counter is
 // bumped before the waiters are read and consumers count themselves in
 // before they read it (both sequentially consistent), so either a sleeping
 // consumer is woken or it sees the new value and does not sleep.
@@ -81,20 +81,17 @@ const _struct_ks_frame_slot* newer_frame(const _struct_ks_frame_ring* ring, unsi
 }
 
 // One polling period of the wake-up hand-off: sleeps until the period has
-// passed, or until the newest frame is not last_id any more, or (when asked)
-// a reconnect starts. Returns that frame, or null without one. A reconnect
-// already under way lets the period run, as a polling consumer sleeps it.
-// A wake for a frame with the same id sleeps on for the rest of the period,
-// so the deadline stays the same number of periods whatever the camera sends.
+// passed or the newest frame is not last_id any more, and returns that frame
+// (null without one). A wake for a frame with the same id sleeps on for the
+// rest of the period, so the deadline stays the same number of periods
+// whatever the camera sends.
 const _struct_ks_frame_slot* wait_one_period(KsY4L2Cam* cam, _struct_ks_frame_ring* ring,
-                                             unsigned int last_id, bool reconnect_ends_wait) {
+                                             unsigned int last_id) {
     const int64_t period = cam->wait_period.load() > 0 ? cam->wait_period.load() : 0;
     const int64_t end = monotonic_us() + period;
-    const bool end_on_reconnect = reconnect_ends_wait && cam->reconnecting.load() != 1;
     for (;;) {
         uint32_t seen = ring->generation.load(std::memory_order_seq_cst);
         if (const _struct_ks_frame_slot* slot = newer_frame(ring, last_id)) return slot;
-        if (end_on_reconnect && cam->reconnecting.load() == 1) return nullptr;
         int64_t left = end - monotonic_us();
         if (left <= 0) return nullptr;
         struct timespec timeout;
@@ -158,12 +155,12 @@ int next_frame_on_publish(unsigned char** data, unsigned int* last_id, KsY4L2Cam
     while (ring->latest.load(std::memory_order_acquire) < 0) {
         if (stream_gone(cam)) return KS_FRAME_TIMEOUT;
         // Any id is new before the first frame.
-        if (wait_one_period(cam, ring, *last_id, false) != nullptr) break;
+        if (wait_one_period(cam, ring, *last_id) != nullptr) break;
     }
     if (const _struct_ks_frame_slot* slot = newer_frame(ring, *last_id))
         return hand_out(slot, data, last_id);
     for (int waits = 1;; ++waits) {
-        if (const _struct_ks_frame_slot* slot = wait_one_period(cam, ring, *last_id, true))
+        if (const _struct_ks_frame_slot* slot = wait_one_period(cam, ring, *last_id))
             return hand_out(slot, data, last_id);
         if (int code = after_period(cam, waits)) return code;
     }
@@ -274,7 +271,6 @@ void* main_loop_func(void* arg) {
             if (ready != 0) break;
             fprintf(stderr, "select timeout\n");
             cam->reconnecting = 1;
-            wake_consumers(cam->frame_ring);
             reopenDevice(cam);
             cam->reconnecting = 0;
             cam->frame_count = 0;

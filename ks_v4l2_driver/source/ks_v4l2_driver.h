@@ -53,8 +53,8 @@ struct _struct_ks_frame_ring {
     // rewrites a slot: whatever a consumer read before asking for its next
     // frame is ordered before the slot is reused.
     std::atomic<uint32_t> consumer_calls;
-    // Bumped after every publish (and when a reconnect starts); consumers
-    // sleep on it as a futex word instead of polling.
+    // Bumped after every publish; consumers sleep on it as a futex word
+    // instead of polling.
     std::atomic<uint32_t> generation;
     // Consumers inside a call: the producer wakes the word only when some.
     std::atomic<uint32_t> waiters;
