@@ -228,6 +228,9 @@ int initDriverHandleFrameBuf(KsY4L2Cam* cam) {
     ring->slots = new _struct_ks_frame_slot[kKsFrameRingSlots]{};
     for (unsigned i = 0; i < kKsFrameRingSlots; ++i) {
         ring->slots[i].data = static_cast<uint8_t*>(calloc(cam->frm_size, 1));
+        // Writing the pages now takes their first-touch faults here rather
+        // than on the capture thread during its first eight frames.
+        if (ring->slots[i].data != nullptr) memset(ring->slots[i].data, 0, cam->frm_size);
         ring->slots[i].frame_id = 0;
     }
     ring->latest = -1;
