@@ -139,20 +139,25 @@ uint64_t label_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
     for (int r = r0; r <= r1; ++r) {
         const uint16_t* row = grid + static_cast<size_t>(r) * W;
         uint32_t* lab = label + static_cast<size_t>(r) * W;
+        // The row above through pointers of its own (only formed below the
+        // area's first row): row[c - W] would mix the int column with the
+        // unsigned width, wrap, and overflow the pointer.
+        const uint16_t* row_up = r > r0 ? row - W : row;
+        const uint32_t* lab_up = r > r0 ? lab - W : lab;
         for (int c = c0; c <= c1; ++c) {
             const uint16_t v = row[c];
             if (v == 0) {
                 lab[c] = 0;
                 continue;
             }
-            const bool up = r > r0 && row[c - W] != 0 && connected(row[c - W], v);
+            const bool up = r > r0 && row_up[c] != 0 && connected(row_up[c], v);
             const bool left = c > c0 && row[c - 1] != 0 && connected(row[c - 1], v);
             uint32_t root;
             if (left) {
                 // The left neighbour was given a root one step ago.
                 root = lab[c - 1];
-                if (up && lab[c - W] != root) {
-                    const uint32_t other = find_root(parent, lab[c - W]);
+                if (up && lab_up[c] != root) {
+                    const uint32_t other = find_root(parent, lab_up[c]);
                     if (other != root) {
                         const uint32_t keep = std::min(root, other);
                         parent[std::max(root, other)] = keep;
@@ -160,7 +165,7 @@ uint64_t label_regions(const Grid& g, const Area& a, KSDisparityWork& w) {
                     }
                 }
             } else if (up) {
-                root = find_root(parent, lab[c - W]);
+                root = find_root(parent, lab_up[c]);
             } else {
                 root = next++;
                 parent[root] = root;
