@@ -571,7 +571,7 @@ std::array<uint8_t, 16> Device::imu_sample() {
     s[14] = static_cast<uint8_t>(imu_counter_);
     s[15] = static_cast<uint8_t>(imu_counter_ >> 8);
     ++imu_generated_;
-    ++imu_counter_;
+    imu_counter_ = static_cast<uint16_t>(imu_counter_ + 1);  // wraps like the device's
     return s;
 }
 
