@@ -11,6 +11,9 @@ packages=(cmake ninja-build g++ gcc pkg-config binutils libgtest-dev libgmock-de
           libcli11-dev libpng-dev nlohmann-json3-dev)
 # The Python module kscamera and its tests (Debian's interpreter and libraries).
 packages+=(python3-dev pybind11-dev python3-numpy python3-pytest)
+# clang with its sanitizer and libFuzzer runtimes: CI's sanitizer build and
+# scripts/fuzz.sh.
+packages+=(clang libclang-rt-14-dev)
 # Programs nobody here wrote that the client tests run: V4L2 clients on the
 # simulated node; ImageMagick, Python and Open3D reading kscam's files.
 clients=(v4l-utils ffmpeg imagemagick python3 python3-open3d)
