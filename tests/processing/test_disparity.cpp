@@ -2,9 +2,12 @@
 // maps and images.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "disparity_maps.h"
 #include "driver/driver_cpp/source/KSDisparityCommon.h"
@@ -364,4 +367,105 @@ TEST(BackLight, BlackUniformAndBrightBlockImages) {
     EXPECT_FALSE(cam.KsBackLightingAdjust(39, 40, small.data()));
     EXPECT_FALSE(cam.KsBackLightingAdjust(40, 39, small.data()));
     EXPECT_FALSE(cam.KsBackLightingAdjust(640, 480, nullptr));
+}
+
+// Region labelling against a flood fill: on random maps of touching
+// patches, every sample's region size is the size of the flood-filled
+// region it lies in (left, right, up and down neighbours joined when both
+// are non-zero and their 13-bit values differ by at most 19), and the small
+// count is the sum of the regions under 101 samples. Patches meet from
+// above and from the left in every order, so merges of labels given out
+// earlier are exercised, as is an area that starts at the grid's first row.
+TEST(DisparityFilter, RegionSizesMatchAFloodFillOnRandomMaps) {
+    {
+        // A label merged away in its own row (3 into 1 at the top-right of
+        // the left patch) is the up-neighbour of the next row's first sample,
+        // whose run then meets a third region (2) from above: all three are
+        // one region of 11 samples.
+        ks_disparity::Grid g;
+        g.width = 5, g.height = 3, g.pixels = 15;
+        KSDisparityWork w;
+        ASSERT_TRUE(w.grid.reserve(g.pixels) && w.label.reserve(g.pixels) &&
+                    w.region_size.reserve(g.pixels + 1) && w.parent.reserve(g.pixels + 1));
+        const uint16_t map[15] = {0,   0,   100, 0,   157,  //
+                                  100, 100, 100, 0,   157,  //
+                                  100, 119, 138, 157, 157};
+        std::copy(map, map + 15, w.grid.data());
+        const ks_disparity::Area whole{0, 2, 0, 4};
+        EXPECT_EQ(11u, ks_disparity::label_regions(g, whole, w));
+        for (int i = 0; i < 15; ++i)
+            EXPECT_EQ(map[i] != 0 ? 11u : 0u, w.region_size.data()[w.label.data()[i]]) << i;
+    }
+    std::mt19937 rng(20261124);
+    const uint16_t palette[] = {0, 0, 0, 100, 119, 140, 0x2000 | 100, 400};
+    for (int round = 0; round < 120; ++round) {
+        ks_disparity::Grid g;
+        g.width = static_cast<uint16_t>(4 + rng() % 60);
+        g.height = static_cast<uint16_t>(3 + rng() % 40);
+        g.pixels = uint32_t{g.width} * g.height;
+        ks_disparity::Area a;
+        a.r0 = round % 3 == 0 ? 0 : static_cast<int>(rng() % 2);
+        a.r1 = g.height - 1 - static_cast<int>(rng() % 2);
+        a.c0 = static_cast<int>(rng() % 2);
+        a.c1 = g.width - 1 - static_cast<int>(rng() % 2);
+        KSDisparityWork w;
+        ASSERT_TRUE(w.grid.reserve(g.pixels) && w.label.reserve(g.pixels) &&
+                    w.region_size.reserve(g.pixels + 1) && w.parent.reserve(g.pixels + 1));
+        uint16_t* grid = w.grid.data();
+        // Patches of one value, so that regions grow to all sizes and shapes.
+        for (uint32_t i = 0; i < g.pixels; ++i) grid[i] = 0;
+        for (int patch = 0; patch < 40; ++patch) {
+            const uint16_t v = palette[rng() % 8];
+            const uint32_t r = rng() % g.height, c = rng() % g.width;
+            const uint32_t h = 1 + rng() % 8, wd = 1 + rng() % 12;
+            for (uint32_t y = r; y < std::min<uint32_t>(g.height, r + h); ++y)
+                for (uint32_t x = c; x < std::min<uint32_t>(g.width, c + wd); ++x)
+                    grid[y * g.width + x] = v;
+        }
+        const uint64_t small = ks_disparity::label_regions(g, a, w);
+
+        auto joined = [&](uint32_t i, uint32_t j) {
+            return grid[i] != 0 && grid[j] != 0 &&
+                   std::abs(int(grid[i] & 0x1FFF) - int(grid[j] & 0x1FFF)) <= 19;
+        };
+        std::vector<int> region(g.pixels, -1);
+        std::vector<uint32_t> sizes;
+        uint64_t expected_small = 0;
+        for (int r = a.r0; r <= a.r1; ++r) {
+            for (int c = a.c0; c <= a.c1; ++c) {
+                const uint32_t start = uint32_t(r) * g.width + uint32_t(c);
+                if (grid[start] == 0 || region[start] >= 0) continue;
+                const int id = static_cast<int>(sizes.size());
+                std::vector<uint32_t> todo{start};
+                region[start] = id;
+                uint32_t n = 0;
+                while (!todo.empty()) {
+                    const uint32_t i = todo.back();
+                    todo.pop_back();
+                    ++n;
+                    const int y = int(i / g.width), x = int(i % g.width);
+                    const int ny[] = {y - 1, y + 1, y, y}, nx[] = {x, x, x - 1, x + 1};
+                    for (int k = 0; k < 4; ++k) {
+                        if (ny[k] < a.r0 || ny[k] > a.r1 || nx[k] < a.c0 || nx[k] > a.c1) continue;
+                        const uint32_t j = uint32_t(ny[k]) * g.width + uint32_t(nx[k]);
+                        if (region[j] < 0 && joined(i, j)) {
+                            region[j] = id;
+                            todo.push_back(j);
+                        }
+                    }
+                }
+                sizes.push_back(n);
+                if (n < ks_disparity::kSmallRegionLimit) expected_small += n;
+            }
+        }
+        EXPECT_EQ(expected_small, small) << "round " << round;
+        for (int r = a.r0; r <= a.r1; ++r) {
+            for (int c = a.c0; c <= a.c1; ++c) {
+                const uint32_t i = uint32_t(r) * g.width + uint32_t(c);
+                const uint32_t size = w.region_size.data()[w.label.data()[i]];
+                ASSERT_EQ(grid[i] == 0 ? 0u : sizes[size_t(region[i])], size)
+                    << "round " << round << " at (" << r << ", " << c << ")";
+            }
+        }
+    }
 }
