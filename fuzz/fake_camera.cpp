@@ -126,9 +126,42 @@ int t_clock_gettime(clockid_t, struct timespec* ts) {
     return 0;
 }
 
-const ks_platform_ops kTable = {t_open,     t_close,  t_ioctl,  t_mmap,         t_munmap,
-                                t_select,   t_stat,   t_scandir, t_realpath,    t_usleep,
-                                t_sleep,    t_gettimeofday, t_clock_gettime, t_flock};
+// Nobody else runs in a harness: a wait that would sleep passes its time
+// on the fake clock at once.
+int t_futex_wait(const uint32_t* word, uint32_t expected, const struct timespec* timeout) {
+    if (__atomic_load_n(word, __ATOMIC_ACQUIRE) != expected) return fail(EAGAIN);
+    if (timeout == nullptr) return fail(EINTR);
+    current->wait_us(static_cast<uint64_t>(timeout->tv_sec) * 1000000u +
+                     static_cast<uint64_t>(timeout->tv_nsec) / 1000u);
+    return fail(ETIMEDOUT);
+}
+int t_futex_wake(const uint32_t*, int) {
+    return 0;
+}
+
+// The C library's table with every slot the fake knows replaced: a slot
+// added to the seam later still has a working default.
+ks_platform_ops make_table() {
+    ks_platform_ops t = *ks_platform_default_ops();
+    t.open = t_open;
+    t.close = t_close;
+    t.ioctl = t_ioctl;
+    t.mmap = t_mmap;
+    t.munmap = t_munmap;
+    t.select = t_select;
+    t.stat = t_stat;
+    t.scandir = t_scandir;
+    t.realpath = t_realpath;
+    t.usleep = t_usleep;
+    t.sleep = t_sleep;
+    t.gettimeofday = t_gettimeofday;
+    t.clock_gettime = t_clock_gettime;
+    t.flock = t_flock;
+    t.futex_wait = t_futex_wait;
+    t.futex_wake = t_futex_wake;
+    return t;
+}
+const ks_platform_ops kTable = make_table();
 
 }  // namespace
 
