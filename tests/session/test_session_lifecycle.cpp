@@ -28,7 +28,7 @@ constexpr double kWarp = 2.0;
 constexpr int kOpenCycles = 200;
 constexpr int kStandbyCycles = 100;
 constexpr int kPollCycles = 20;
-constexpr double kWarp = 50.0;
+constexpr double kWarp = 20.0;  // the 300 ms wait is 15 ms of real time
 #endif
 
 // Power cycles take 11 s of camera time: run the clock fast, yet slow enough

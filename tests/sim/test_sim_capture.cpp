@@ -237,7 +237,7 @@ TEST_F(SimCapture, FramesStopWhileTheAsicIsHeldOrBootsOrTheSensorsStandBy) {
     xutest::Client xu;
     ASSERT_TRUE(xu.open(node()));
     std::vector<uint8_t> f;
-    ASSERT_EQ(0, c.next_frame(f, nullptr, 30000));  // generous: a loaded machine is slow
+    ASSERT_EQ(0, c.next_frame(f, nullptr, 600000));  // ten minutes: a loaded machine renders slowly
     // A new effective EPR (another size and constants) takes effect at the
     // next power-up.
     std::vector<uint8_t> img(KSSIM_EPR_SIZE);
@@ -262,7 +262,7 @@ TEST_F(SimCapture, FramesStopWhileTheAsicIsHeldOrBootsOrTheSensorsStandBy) {
     // quarter second under ThreadSanitizer. The ASIC now sends 1280 x 720
     // frames: into these buffers they arrive cut.
     v4l2_buffer b;
-    ASSERT_EQ(0, c.next_frame(f, &b, 30000));
+    ASSERT_EQ(0, c.next_frame(f, &b, 600000));
     EXPECT_GE(b.timestamp.tv_sec * 1000000 + b.timestamp.tv_usec,
               static_cast<int64_t>(release.time_us) + 2276480);
     EXPECT_EQ(640u * 480 * 3, b.bytesused);
@@ -270,7 +270,7 @@ TEST_F(SimCapture, FramesStopWhileTheAsicIsHeldOrBootsOrTheSensorsStandBy) {
     // The metadata line then carries its constants (the new view is rendered first).
     bool loaded = false;
     for (int i = 0; i < 30 && !loaded; ++i) {
-        ASSERT_EQ(0, c.next_frame(f, nullptr, 30000));
+        ASSERT_EQ(0, c.next_frame(f, nullptr, 600000));
         const frame_test::Frame fr(f.data(), 1280, 1);
         loaded = fr.bf() == 20000.0 && fr.base() == 60.0;
     }
@@ -282,7 +282,7 @@ TEST_F(SimCapture, FramesStopWhileTheAsicIsHeldOrBootsOrTheSensorsStandBy) {
     }
     EXPECT_EQ(ETIMEDOUT, c.next_frame(f, nullptr, 300));
     ASSERT_EQ(0, xu.sensor_write(0x0100, 1));
-    EXPECT_EQ(0, c.next_frame(f, nullptr, 30000));
+    EXPECT_EQ(0, c.next_frame(f, nullptr, 600000));
 
     // Without buffers the node offers the new EPR's size alone.
     c.close();
