@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "sim/sim_world.h"
+#include "sim/sim_bytes.h"
 
 namespace kssim {
 
@@ -22,20 +23,6 @@ constexpr size_t kVersionSize = 32;
 constexpr uint32_t kGpioPins = 32;
 constexpr uint32_t kGpioAsicPower = 17;
 
-uint32_t get32(const uint8_t* p) {
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-}
-void put32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-}
-uint32_t byte_sum(const uint8_t* p, size_t n) {
-    uint32_t s = 0;
-    for (size_t i = 0; i < n; ++i) s += p[i];
-    return s;
-}
 
 }  // namespace
 

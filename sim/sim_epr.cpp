@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "sim/kssim.h"
+#include "sim/sim_bytes.h"
 #include "sim/sim_scene.h"
 
 namespace kssim {
@@ -16,18 +17,6 @@ constexpr size_t kBodyOffset = 20;
 void put16(uint8_t* p, uint16_t v) {
     p[0] = static_cast<uint8_t>(v >> 8);
     p[1] = static_cast<uint8_t>(v);
-}
-void put32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-}
-uint16_t get16(const uint8_t* p) {
-    return static_cast<uint16_t>((p[0] << 8) | p[1]);
-}
-uint32_t get32(const uint8_t* p) {
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
 }
 
 bool sizes_ok(uint16_t w, uint16_t h) {
