@@ -42,8 +42,7 @@ constexpr uint32_t kImuFetch = 13;
 constexpr int64_t kOperationBoundUs = 120000000;
 
 uint64_t exchanges_wanted() {
-    const char* v = getenv("KS_HOSTILE_EXCHANGES");
-    return v != nullptr && strtoull(v, nullptr, 10) > 0 ? strtoull(v, nullptr, 10) : kExchanges;
+    return sessiontest::count_from_env("KS_HOSTILE_EXCHANGES", kExchanges);
 }
 
 class HostileTest : public SessionTest {

@@ -23,7 +23,6 @@
 
 extern char** environ;
 
-using sessiontest::virtual_now_us;
 
 namespace {
 
@@ -128,8 +127,7 @@ TEST_F(TwoProcesses, AnExchangeWaitsForTheProcessHoldingItsNodeOnlyAndNotBeyondI
     Peer peer(dir_.path(), "hold");
     ASSERT_EQ("holding", peer.line());
     // The peer's EEPROM update holds the first node from its first exchange on.
-    int64_t deadline = virtual_now_us() + kGenerousUs;
-    while (!held_elsewhere(node(first_)) && virtual_now_us() < deadline) std::this_thread::yield();
+    sessiontest::wait_for([&] { return held_elsewhere(node(first_)); }, kGenerousUs);
     ASSERT_TRUE(held_elsewhere(node(first_)));
 
     // The other node is free: its exchange goes through at once, while the
@@ -149,9 +147,7 @@ TEST_F(TwoProcesses, AnExchangeWaitsForTheProcessHoldingItsNodeOnlyAndNotBeyondI
         result = ksReadNuvexRegisterValue(first, 0x1F, &first_value);
         done = true;
     });
-    deadline = virtual_now_us() + 1000000;
-    while (virtual_now_us() < deadline) std::this_thread::yield();
-    EXPECT_FALSE(done.load());
+    EXPECT_FALSE(sessiontest::wait_for([&] { return done.load(); }, 1000000));
     EXPECT_EQ(before, requests(first_));
     EXPECT_TRUE(held_elsewhere(node(first_)));
 
@@ -159,8 +155,7 @@ TEST_F(TwoProcesses, AnExchangeWaitsForTheProcessHoldingItsNodeOnlyAndNotBeyondI
     peer.kill_it();
     const int status = peer.wait();
     EXPECT_TRUE(WIFSIGNALED(status));
-    deadline = virtual_now_us() + kGenerousUs;
-    while (!done && virtual_now_us() < deadline) std::this_thread::yield();
+    sessiontest::wait_for([&] { return done.load(); }, kGenerousUs);
     waiting.join();
     EXPECT_EQ(0, result.load());
     EXPECT_EQ(0x34, first_value);

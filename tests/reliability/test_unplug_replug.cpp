@@ -20,7 +20,6 @@
 #include "session_fixture.h"
 
 using sessiontest::SessionTest;
-using sessiontest::virtual_now_us;
 
 namespace {
 
@@ -40,8 +39,7 @@ constexpr int64_t kGenerousUs = 600000000;  // ten minutes of camera time
 
 // KS_UNPLUG_CYCLES overrides the count (the soak script runs more).
 int cycles() {
-    const char* v = getenv("KS_UNPLUG_CYCLES");
-    return v != nullptr && atoi(v) > 0 ? atoi(v) : kCycles;
+    return static_cast<int>(sessiontest::count_from_env("KS_UNPLUG_CYCLES", kCycles));
 }
 
 int count_entries(const char* dir) {
@@ -81,15 +79,10 @@ uint64_t requests(kssim_camera* camera) {
     return stats.requests;
 }
 
-// Waits on the camera's clock until done() holds; false when the bound ran out.
+// Waits on the camera's clock, ten minutes at most, until done() holds.
 template <typename Done>
-bool wait_for(Done done, int64_t bound_us = kGenerousUs) {
-    const int64_t deadline = virtual_now_us() + bound_us;
-    while (!done()) {
-        if (virtual_now_us() >= deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
+bool wait_for(Done done) {
+    return sessiontest::wait_for(done, kGenerousUs);
 }
 
 // The application: one thread takes frames and cuts RGBD images out of them,

@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "common/ks_platform.h"
 #include "ksStereoCameraDriver.h"
@@ -19,6 +20,25 @@ inline int64_t virtual_now_us() {
     struct timespec ts;
     ks_sys_clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+// Waits on the world's clock until done() holds; false when the bound ran out.
+template <typename Done>
+bool wait_for(Done done, int64_t bound_us) {
+    const int64_t deadline = virtual_now_us() + bound_us;
+    while (!done()) {
+        if (virtual_now_us() >= deadline) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+// A run length taken from the environment variable `name` when it holds a
+// positive count (the soak script runs longer), else `fallback`.
+inline uint64_t count_from_env(const char* name, uint64_t fallback) {
+    const char* v = getenv(name);
+    const unsigned long long n = v != nullptr ? strtoull(v, nullptr, 10) : 0;
+    return n > 0 ? n : fallback;
 }
 
 // Open descriptors of this process.
