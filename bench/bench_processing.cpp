@@ -61,8 +61,7 @@ const SceneFrame& room() {
     static SceneFrame frame;
     static bool made = false;
     if (!made) {
-        made = frame.render(KSSIM_SCENE_ROOM, 0.0, kWidth, kHeight,
-                            KSSIM_CHANNEL_ORIGIN_DISPARITY);
+        made = frame.render(KSSIM_SCENE_ROOM, 0.0, kWidth, kHeight, KSSIM_CHANNEL_ORIGIN_DISPARITY);
     }
     return frame;
 }

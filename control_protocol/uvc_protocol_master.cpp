@@ -3,9 +3,9 @@
 // seam.
 #include "control_protocol/uvc_protocol_master.h"
 
+#include <errno.h>
 #include <linux/usb/video.h>
 #include <linux/uvcvideo.h>
-#include <errno.h>
 #include <pthread.h>
 #include <sys/file.h>
 

@@ -1,6 +1,8 @@
 // Captures one frame of the first camera: the colour image (colour.ppm), the
 // depth in millimetres (depth.pgm, 16-bit) and the point cloud (cloud.ply).
 //   capture [folder]   (default: the current folder)
+#include <ksStereoCameraDriver.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -8,8 +10,6 @@
 #include <fstream>
 #include <string>
 #include <vector>
-
-#include <ksStereoCameraDriver.h>
 
 namespace {
 
@@ -70,7 +70,8 @@ int main(int argc, char** argv) {
 
     std::ofstream colour(dir + "colour.ppm", std::ios::binary);
     colour << "P6\n" << width << " " << height << "\n255\n";
-    colour.write(reinterpret_cast<const char*>(rgb.data()), static_cast<std::streamsize>(rgb.size()));
+    colour.write(reinterpret_cast<const char*>(rgb.data()),
+                 static_cast<std::streamsize>(rgb.size()));
 
     // 16-bit PGM samples are big-endian.
     std::ofstream depth(dir + "depth.pgm", std::ios::binary);

@@ -1,11 +1,10 @@
 // Reads IMU samples from the first camera.
 //   imu [samples]   (default 20)
-#include <cstdio>
-#include <cstdlib>
-
+#include <ksStereoCameraDriver.h>
 #include <unistd.h>
 
-#include <ksStereoCameraDriver.h>
+#include <cstdio>
+#include <cstdlib>
 
 int main(int argc, char** argv) {
     const int samples = argc > 1 ? std::atoi(argv[1]) : 20;

@@ -1,7 +1,6 @@
 /* Lists the cameras attached to this computer. */
-#include <stdio.h>
-
 #include <ksStereoCameraDriver.h>
+#include <stdio.h>
 
 int main(void) {
     _ks_camera_list* list = NULL;
@@ -12,8 +11,8 @@ int main(void) {
     }
     for (uint32_t i = 0; i < list->count; ++i) {
         const _ks_camera_info_s* c = &list->cameras[i];
-        printf("%u: %s  serial %s\n   by-path: %s\n   by-id:   %s\n", i, c->video_dev,
-               c->camera_sn, c->usb_path_name, c->v4l_id_name);
+        printf("%u: %s  serial %s\n   by-path: %s\n   by-id:   %s\n", i, c->video_dev, c->camera_sn,
+               c->usb_path_name, c->v4l_id_name);
     }
     ksReleaseCameraList(list);
     return 0;

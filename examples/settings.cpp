@@ -1,7 +1,7 @@
 // Reads the first camera's settings, changes a few and reads them back.
-#include <cstdio>
-
 #include <ksStereoCameraDriver.h>
+
+#include <cstdio>
 
 namespace {
 
@@ -16,10 +16,10 @@ void show(KSCameraAbstract* camera) {
     ksGetLineOffset(camera, &line_offset);
     ksGetLineTrim(camera, &left, &right);
     ksGetFillLightIntensity(camera, &intensity);
-    std::printf("video mode %d, search range %u, disparity offset %.3f, line offset %.1f, "
-                "trims %u/%u, fill light %u\n",
-                static_cast<int>(mode), range, disparity_offset, line_offset, left, right,
-                intensity);
+    std::printf(
+        "video mode %d, search range %u, disparity offset %.3f, line offset %.1f, "
+        "trims %u/%u, fill light %u\n",
+        static_cast<int>(mode), range, disparity_offset, line_offset, left, right, intensity);
 }
 
 // Every function returns 0 on success, -1 for a bad argument, -2 when the

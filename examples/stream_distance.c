@@ -1,9 +1,8 @@
 /* Streams from the first camera and prints the distance at the image centre.
  *   stream_distance [frames]   (default 30) */
+#include <ksStereoCameraDriver.h>
 #include <stdio.h>
 #include <stdlib.h>
-
-#include <ksStereoCameraDriver.h>
 
 int main(int argc, char** argv) {
     const int frames = argc > 1 ? atoi(argv[1]) : 30;

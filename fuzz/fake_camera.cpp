@@ -34,7 +34,6 @@ using kssim::byte_sum;
 using kssim::get32;
 using kssim::put32;
 
-
 int fail(int e) {
     errno = e;
     return -1;
@@ -304,7 +303,8 @@ int FakeCamera::control(int, void* arg) {
             uint8_t data[kMaxData] = {};
             const uint32_t length = replies_->u16() % 300;
             replies_->bytes(data, std::min(length, kMaxData));
-            const uint32_t command = (how & 0x80) != 0 ? replies_->u32() : req_command_ | kReplyFlag;
+            const uint32_t command =
+                (how & 0x80) != 0 ? replies_->u32() : req_command_ | kReplyFlag;
             frame_reply(block, command, data, std::min(length, kMaxData), length);
             if ((how & 0x40) != 0) put32(block + 28, replies_->u32());
             return 0;
@@ -376,7 +376,8 @@ FakeCamera::Reply FakeCamera::answer(uint32_t command, uint32_t parameter, const
         }
         case 3:  // write a flash page
             if (length != 256) return Reply{};
-            if (flash_.size() < 512) std::copy(data, data + 256, flash_[parameter & ~0xFFu].begin());
+            if (flash_.size() < 512)
+                std::copy(data, data + 256, flash_[parameter & ~0xFFu].begin());
             return r;
         case 4:  // erase a sector
             for (uint32_t p = 0; p < 16; ++p) flash_.erase((parameter & ~0xFFFu) + p * 256);

@@ -63,7 +63,7 @@ class FakeCamera {
 
     // The well-behaved controller's memories.
     std::array<uint8_t, 16384> eeprom;
-    uint8_t status = 3;  // ASIC running, EPR loaded
+    uint8_t status = 3;                     // ASIC running, EPR loaded
     std::map<uint32_t, uint8_t> registers;  // (device << 16) | register; absent: 0
 
     uint64_t now_us() const { return now_us_; }

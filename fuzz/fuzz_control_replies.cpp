@@ -25,6 +25,8 @@ void run_command(uint8_t which, fuzzing::Input& in, _struct_ks_ctrl_device* hand
     char version[32];
     // The protocol's callers select the camera and hold the mutex.
     set_cur_uvc_fd(handle->fd);
+    // One command a line.
+    // clang-format off
     switch (which % 30) {
         case 0: protocol_get_slaver_version(small); break;
         case 1: protocol_flash_read_page(in.u32(), small); break;
@@ -84,6 +86,7 @@ void run_command(uint8_t which, fuzzing::Input& in, _struct_ks_ctrl_device* hand
             }
             break;
     }
+    // clang-format on
 }
 
 }  // namespace

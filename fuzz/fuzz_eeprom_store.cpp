@@ -83,7 +83,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         ks_get_current_rectify_camera_para(&handle, &para);
     }
     if (writes & 8) {
-        ks_save_eeprom_line_offset(&handle, static_cast<float>(static_cast<int8_t>(in.u8())) / 20.0f);
+        ks_save_eeprom_line_offset(&handle,
+                                   static_cast<float>(static_cast<int8_t>(in.u8())) / 20.0f);
         ks_save_current_camera_fps_to_eeprom(&handle, static_cast<float>(in.u16()) / 3.0f);
         ks_get_eeprom_line_offset(&handle, &line);
         ks_load_current_camera_fps_from_eeprom(&handle, &fps);

@@ -13,7 +13,11 @@ namespace {
 
 struct Outputs {
     explicit Outputs(size_t w, size_t h)
-        : image(w * h * 3 / 2 + 2), plane8(w * h), disparity(w * h), meta(w), a16(w * h),
+        : image(w * h * 3 / 2 + 2),
+          plane8(w * h),
+          disparity(w * h),
+          meta(w),
+          a16(w * h),
           b16(w * h) {}
     std::vector<uint8_t> image, plane8;
     std::vector<uint16_t> disparity, meta, a16, b16;

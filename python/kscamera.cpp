@@ -8,7 +8,6 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
-
 #include <time.h>
 
 #include <algorithm>
@@ -214,8 +213,8 @@ struct Frame {
     VideoMode mode = VideoMode::RGBD;
     unsigned width = 0, height = 0;
     float bxf = 0, baseline = 0;
-    py::object colour = py::none(), disparity = py::none(), depth = py::none(),
-               left = py::none(), right = py::none();
+    py::object colour = py::none(), disparity = py::none(), depth = py::none(), left = py::none(),
+               right = py::none();
 
     // Median distance of the valid depth pixels within `radius` of (x, y); None if none.
     std::optional<double> distance_at(unsigned x, unsigned y, unsigned radius) const {
@@ -267,19 +266,19 @@ FrameData read_frame(KSCameraAbstract* h, bool* check_channel, double timeout_s)
         last = ksGetSafeCurrentFrame(h, &id, &src);
         if (last == 0 && src != nullptr) {
             unsigned char code = 0xFF;
-            if (!*check_channel || ksGetImageChannelFromSrcData(h, src, &code) == channel_of(f.mode)) {
+            if (!*check_channel ||
+                ksGetImageChannelFromSrcData(h, src, &code) == channel_of(f.mode)) {
                 *check_channel = false;
                 f.id = id;
                 break;
             }
         }
         if (now_us() >= deadline)
-            throw CameraError{last != 0 ? last : 10,
-                              "no frame of the current video mode within " +
-                                  std::to_string(timeout_s) + " s of camera time" +
-                                  (last != 0 ? " (last library result " + std::to_string(last) +
-                                                   ")"
-                                             : "")};
+            throw CameraError{
+                last != 0 ? last : 10,
+                "no frame of the current video mode within " + std::to_string(timeout_s) +
+                    " s of camera time" +
+                    (last != 0 ? " (last library result " + std::to_string(last) + ")" : "")};
     }
     float bxf = 0, base = 0;
     if (ksGetBxfAndBase(h, &bxf, &base) == 0) {
@@ -403,17 +402,18 @@ std::vector<CameraInfo> list_cameras() {
     if (r != 0 || list == nullptr) return out;  // no camera found
     for (uint32_t i = 0; i < list->count && list->cameras != nullptr; ++i) {
         const _ks_camera_info_s& c = list->cameras[i];
-        out.push_back({std::string(c.video_dev, strnlen(c.video_dev, sizeof c.video_dev)),
-                       std::string(c.usb_path_name, strnlen(c.usb_path_name, sizeof c.usb_path_name)),
-                       std::string(c.v4l_id_name, strnlen(c.v4l_id_name, sizeof c.v4l_id_name)),
-                       std::string(c.camera_sn, strnlen(c.camera_sn, sizeof c.camera_sn))});
+        out.push_back(
+            {std::string(c.video_dev, strnlen(c.video_dev, sizeof c.video_dev)),
+             std::string(c.usb_path_name, strnlen(c.usb_path_name, sizeof c.usb_path_name)),
+             std::string(c.v4l_id_name, strnlen(c.v4l_id_name, sizeof c.v4l_id_name)),
+             std::string(c.camera_sn, strnlen(c.camera_sn, sizeof c.camera_sn))});
     }
     ksReleaseCameraList(list);
     return out;
 }
 
 class Camera {
-public:
+  public:
     explicit Camera(std::shared_ptr<CameraState> s) : s_(std::move(s)) {}
     CameraState& state() const { return *s_; }
     void close() {
@@ -429,7 +429,7 @@ public:
         return with_camera(*s_, f);
     }
 
-private:
+  private:
     std::shared_ptr<CameraState> s_;
 };
 
@@ -444,7 +444,8 @@ Camera open_camera(std::optional<std::string> serial, std::optional<std::string>
         py::gil_scoped_release release;
         KSCameraAbstract* h = nullptr;
         if (number) {
-            check(ksOpenUVCCameraByNumber(*number, &h), "opening /dev/video" + std::to_string(*number));
+            check(ksOpenUVCCameraByNumber(*number, &h),
+                  "opening /dev/video" + std::to_string(*number));
             state->name = "/dev/video" + std::to_string(*number);
         } else if (path) {
             check(ksOpenUVCCameraByPath(path->c_str(), &h), "opening " + *path);
@@ -480,7 +481,7 @@ Camera open_camera(std::optional<std::string> serial, std::optional<std::string>
 }
 
 class World {
-public:
+  public:
     World(unsigned cameras, const std::vector<std::string>& serials, const std::string& scene,
           double distance_mm, double warp, double fps, bool imu) {
         if (cameras < 1 || cameras > 16) throw py::value_error("cameras must be 1 .. 16");
@@ -514,13 +515,13 @@ public:
                 std::snprintf(text, sizeof text, "KS%010u", i + 1);
                 return std::string(text);
             }();
-            if (sn.empty() || sn.size() > 16) throw py::value_error("serials are 1 .. 16 characters");
+            if (sn.empty() || sn.size() > 16)
+                throw py::value_error("serials are 1 .. 16 characters");
             std::snprintf(cfg.serial, sizeof cfg.serial, "%s", sn.c_str());
             if (kssim_world_add_camera(state->world, &cfg) == nullptr)
                 throw CameraError{-2, "adding the virtual camera " + sn + " failed"};
         }
-        if (kssim_world_set_warp(state->world, warp) != 0 ||
-            kssim_world_install(state->world) != 0)
+        if (kssim_world_set_warp(state->world, warp) != 0 || kssim_world_install(state->world) != 0)
             throw CameraError{-2, "installing the virtual camera failed"};
         g_world = state;
         s_ = state;
@@ -539,7 +540,7 @@ public:
         return kssim_world_camera(w.world, index);
     }
 
-private:
+  private:
     std::shared_ptr<WorldState> s_;
 };
 
@@ -595,8 +596,10 @@ T ranged(long long v, long long lo, long long hi, const char* what) {
 VideoMode mode_from(const py::object& o) {
     if (py::isinstance<py::str>(o)) {
         const std::string s = o.cast<std::string>();
-        for (auto [name, m] : {std::pair{"rgbd", VideoMode::RGBD}, {"raw", VideoMode::RAW},
-                               {"rectified", VideoMode::RECTIFIED}, {"dense", VideoMode::DENSE},
+        for (auto [name, m] : {std::pair{"rgbd", VideoMode::RGBD},
+                               {"raw", VideoMode::RAW},
+                               {"rectified", VideoMode::RECTIFIED},
+                               {"dense", VideoMode::DENSE},
                                {"filtered", VideoMode::FILTERED}})
             if (s == name) return m;
         throw py::value_error("video mode \"" + s +
@@ -611,9 +614,8 @@ PYBIND11_MODULE(kscamera, m) {
     m.doc() = "Driver for the KS USB stereo depth camera, with a built-in virtual camera";
 
     camera_error_type = py::handle(PyErr_NewExceptionWithDoc(
-        "kscamera.CameraError",
-        "A camera operation failed. `code` is the library's result code.", PyExc_RuntimeError,
-        nullptr));
+        "kscamera.CameraError", "A camera operation failed. `code` is the library's result code.",
+        PyExc_RuntimeError, nullptr));
     m.attr("CameraError") = camera_error_type;
     py::register_exception_translator([](std::exception_ptr p) {
         try {
@@ -637,10 +639,12 @@ PYBIND11_MODULE(kscamera, m) {
         .value("MODE_0", FillLight::MODE_0)
         .value("ALTERNATE", FillLight::ALTERNATE);
 
-    m.def("sdk_version", [] { return std::string(ksGetSdkVersion()); },
-          "Version of the driver library");
-    m.def("open_log", [](int level) { ksOpenSDKLog(level); }, py::arg("level") = 3,
-          "Prints the library's log from `level` up (0 trace .. 5 fatal)");
+    m.def(
+        "sdk_version", [] { return std::string(ksGetSdkVersion()); },
+        "Version of the driver library");
+    m.def(
+        "open_log", [](int level) { ksOpenSDKLog(level); }, py::arg("level") = 3,
+        "Prints the library's log from `level` up (0 trace .. 5 fatal)");
     m.def("close_log", [] { ksCloseSDKLog(); });
 
     py::class_<CameraInfo>(m, "CameraInfo", "One camera found on the host")
@@ -658,8 +662,8 @@ PYBIND11_MODULE(kscamera, m) {
         .def_readonly("width", &StreamConfig::width)
         .def_readonly("height", &StreamConfig::height)
         .def("__repr__", [](const StreamConfig& s) {
-            return "StreamConfig(slot=" + std::to_string(s.slot) + ", " +
-                   std::to_string(s.width) + "x" + std::to_string(s.height) + ")";
+            return "StreamConfig(slot=" + std::to_string(s.slot) + ", " + std::to_string(s.width) +
+                   "x" + std::to_string(s.height) + ")";
         });
 
     py::class_<ImuSample>(m, "ImuSample", "One IMU sample")
@@ -700,8 +704,7 @@ PYBIND11_MODULE(kscamera, m) {
                       "left image: raw (height, width) uint16, rectified uint8 grey")
         .def_readonly("right", &Frame::right,
                       "right image: raw (height, width) uint16, rectified (height, width, 3) RGB")
-        .def("distance_at", &Frame::distance_at, py::arg("x"), py::arg("y"),
-             py::arg("radius") = 4,
+        .def("distance_at", &Frame::distance_at, py::arg("x"), py::arg("y"), py::arg("radius") = 4,
              "Median distance in mm of the valid pixels around (x, y), None if none")
         .def("__repr__", [](const Frame& f) {
             return "Frame(id=" + std::to_string(f.id) + ", " + std::to_string(f.width) + "x" +
@@ -759,9 +762,8 @@ PYBIND11_MODULE(kscamera, m) {
                 auto disparity = disparity_of(source, w, h);
                 if (width == 0 || height == 0 || x >= w || y >= h || width > w - x ||
                     height > h - y)
-                    throw py::value_error("the rectangle must lie within the " +
-                                          std::to_string(w) + " x " + std::to_string(h) +
-                                          " image");
+                    throw py::value_error("the rectangle must lie within the " + std::to_string(w) +
+                                          " x " + std::to_string(h) + " image");
                 _ks_rect_distance_info_s info{};
                 info.x = static_cast<uint16_t>(x);
                 info.y = static_cast<uint16_t>(y);
@@ -772,12 +774,11 @@ PYBIND11_MODULE(kscamera, m) {
                     check(ksCalculateRectDistance(hd, &info), "measuring the rectangle");
                     return 0;
                 });
-                return RectDistance{info.min_disparity,       info.max_disparity,
-                                    info.mean_disparity,      info.median_disparity,
-                                    info.valid_ratio,         info.min_distance,
-                                    info.max_distance,        info.mean_distance,
-                                    info.median_distance,     info.mean_point_distance,
-                                    info.median_point_distance};
+                return RectDistance{
+                    info.min_disparity,       info.max_disparity,        info.mean_disparity,
+                    info.median_disparity,    info.valid_ratio,          info.min_distance,
+                    info.max_distance,        info.mean_distance,        info.median_distance,
+                    info.mean_point_distance, info.median_point_distance};
             },
             py::arg("frame"), py::arg("x"), py::arg("y"), py::arg("width"), py::arg("height"),
             "Disparity and distance statistics over a rectangle of a frame")
@@ -799,7 +800,9 @@ PYBIND11_MODULE(kscamera, m) {
                     check(r, "reading the IMU");
                     if (s == nullptr) fail(-2, "reading the IMU");
                     const _ks_imu_data_set_s v = *s;  // the ring slot is reused
-                    return ImuSample{v.sync_id, v.timestamp, v.temperature,
+                    return ImuSample{v.sync_id,
+                                     v.timestamp,
+                                     v.temperature,
                                      {v.acc_x, v.acc_y, v.acc_z},
                                      {v.gyro_x, v.gyro_y, v.gyro_z}};
                 });
@@ -823,21 +826,21 @@ PYBIND11_MODULE(kscamera, m) {
             },
             "VideoMode, or its name: rgbd, raw, rectified, dense, filtered")
         .def_property_readonly("resolution", &resolution, "(width, height)")
-        .def_property_readonly("stream_configs",
-                               [](const Camera& c) {
-                                   return c.call([](KSCameraAbstract* h) {
-                                       _ks_video_param_s* list = nullptr;
-                                       unsigned char count = 0;
-                                       check(ksQuerySupportedVideoParam(h, &list, &count),
-                                             "listing the stream configurations");
-                                       std::vector<StreamConfig> out;
-                                       for (unsigned i = 0; i < count && list != nullptr; ++i)
-                                           out.push_back(
-                                               {list[i].index, list[i].width, list[i].height});
-                                       return out;
-                                   });
-                               },
-                               "The stream configurations stored in the camera")
+        .def_property_readonly(
+            "stream_configs",
+            [](const Camera& c) {
+                return c.call([](KSCameraAbstract* h) {
+                    _ks_video_param_s* list = nullptr;
+                    unsigned char count = 0;
+                    check(ksQuerySupportedVideoParam(h, &list, &count),
+                          "listing the stream configurations");
+                    std::vector<StreamConfig> out;
+                    for (unsigned i = 0; i < count && list != nullptr; ++i)
+                        out.push_back({list[i].index, list[i].width, list[i].height});
+                    return out;
+                });
+            },
+            "The stream configurations stored in the camera")
         .def_property(
             "stream_config",
             [](const Camera& c) {
@@ -850,8 +853,8 @@ PYBIND11_MODULE(kscamera, m) {
                     unsigned char count = 0;
                     check(ksQuerySupportedVideoParam(h, &list, &count),
                           "listing the stream configurations");
-                    check(ksSetVideoParam(h, s), "selecting stream configuration " +
-                                                     std::to_string(s));
+                    check(ksSetVideoParam(h, s),
+                          "selecting stream configuration " + std::to_string(s));
                     return 0;
                 });
             },
@@ -872,7 +875,8 @@ PYBIND11_MODULE(kscamera, m) {
                 if (fps && !(*fps >= 1 && *fps <= 30)) throw py::value_error("fps must be 1 .. 30");
                 c.call([&](KSCameraAbstract* h) {
                     if (fps)
-                        check(ksSetCameraFps(h, static_cast<float>(*fps)), "setting the frame rate");
+                        check(ksSetCameraFps(h, static_cast<float>(*fps)),
+                              "setting the frame rate");
                     else
                         check(ksRestoreCameraFpsToDefault(h), "restoring the default frame rate");
                     return 0;
@@ -883,7 +887,8 @@ PYBIND11_MODULE(kscamera, m) {
         .def_property(
             "exposure",
             [](const Camera&) -> py::object {
-                throw py::attribute_error("the camera cannot report its exposure: it can be set only");
+                throw py::attribute_error(
+                    "the camera cannot report its exposure: it can be set only");
             },
             [](const Camera& c, long long v) {
                 set_value(c, ksSetExposure, ranged<unsigned short>(v, 0, 800, "exposure"),
@@ -906,7 +911,8 @@ PYBIND11_MODULE(kscamera, m) {
                     get_value<_ks_filllight_type_e>(c, ksGetFilllightType, "fill light"));
             },
             [](const Camera& c, FillLight v) {
-                set_value(c, ksSetFilllightType, static_cast<_ks_filllight_type_e>(v), "fill light");
+                set_value(c, ksSetFilllightType, static_cast<_ks_filllight_type_e>(v),
+                          "fill light");
             })
         .def_property(
             "fill_light_intensity",
@@ -921,7 +927,9 @@ PYBIND11_MODULE(kscamera, m) {
         // ---- stereo-matching settings
         .def_property(
             "disparity_offset",
-            [](const Camera& c) { return get_value<float>(c, ksGetDispOffset, "disparity offset"); },
+            [](const Camera& c) {
+                return get_value<float>(c, ksGetDispOffset, "disparity offset");
+            },
             [](const Camera& c, double v) {
                 if (!(v >= -1024 && v <= 1023.96875))
                     throw py::value_error("disparity_offset must be -1024 .. 1023.96875");
@@ -932,7 +940,8 @@ PYBIND11_MODULE(kscamera, m) {
             "line_offset",
             [](const Camera& c) { return get_value<float>(c, ksGetLineOffset, "line offset"); },
             [](const Camera& c, double v) {
-                if (!(v >= -254 && v <= 254)) throw py::value_error("line_offset must be -254 .. 254");
+                if (!(v >= -254 && v <= 254))
+                    throw py::value_error("line_offset must be -254 .. 254");
                 set_value(c, ksSetLineOffset, static_cast<float>(v), "line offset");
             },
             "Line offset between the sensors, in lines")
@@ -1009,30 +1018,31 @@ PYBIND11_MODULE(kscamera, m) {
                                [](const Camera& c) {
                                    return c.call([](KSCameraAbstract* h) {
                                        unsigned char a = 0, b = 0;
-                                       check(ksGetFpgaVersion(h, &a, &b), "reading the FPGA version");
+                                       check(ksGetFpgaVersion(h, &a, &b),
+                                             "reading the FPGA version");
                                        return std::pair<unsigned, unsigned>{a, b};
                                    });
                                })
-        .def_property_readonly("stereo_constants",
-                               [](const Camera& c) {
-                                   return c.call([](KSCameraAbstract* h) {
-                                       float bxf = 0, base = 0;
-                                       check(ksGetBxfAndBase(h, &bxf, &base),
-                                             "reading the stereo constants");
-                                       return std::pair<float, float>{bxf, base};
-                                   });
-                               },
-                               "(bxf, baseline in mm)")
-        .def_property_readonly("rectified_camera",
-                               [](const Camera& c) {
-                                   return c.call([](KSCameraAbstract* h) {
-                                       float f = 0, cx = 0, cy = 0;
-                                       check(ksGetRectifyCamParam(h, &f, &cx, &cy),
-                                             "reading the rectified camera");
-                                       return std::tuple<float, float, float>{f, cx, cy};
-                                   });
-                               },
-                               "(focal length in pixels, cx, cy) of the rectified images")
+        .def_property_readonly(
+            "stereo_constants",
+            [](const Camera& c) {
+                return c.call([](KSCameraAbstract* h) {
+                    float bxf = 0, base = 0;
+                    check(ksGetBxfAndBase(h, &bxf, &base), "reading the stereo constants");
+                    return std::pair<float, float>{bxf, base};
+                });
+            },
+            "(bxf, baseline in mm)")
+        .def_property_readonly(
+            "rectified_camera",
+            [](const Camera& c) {
+                return c.call([](KSCameraAbstract* h) {
+                    float f = 0, cx = 0, cy = 0;
+                    check(ksGetRectifyCamParam(h, &f, &cx, &cy), "reading the rectified camera");
+                    return std::tuple<float, float, float>{f, cx, cy};
+                });
+            },
+            "(focal length in pixels, cx, cy) of the rectified images")
         // ---- EPR slots, calibration, maintenance
         .def(
             "upload_epr",
@@ -1062,10 +1072,9 @@ PYBIND11_MODULE(kscamera, m) {
         .def(
             "backup_epr",
             [](const Camera& c, const std::string& path, Progress progress) {
-                long_operation(c.state(), progress, "backing up the effective EPR",
-                               [&](KSCameraAbstract* h) {
-                                   return ksBackUpEffectiveEprFile(h, path.c_str());
-                               });
+                long_operation(
+                    c.state(), progress, "backing up the effective EPR",
+                    [&](KSCameraAbstract* h) { return ksBackUpEffectiveEprFile(h, path.c_str()); });
             },
             py::arg("path"), py::arg("progress") = py::none(),
             "Reads the effective EPR image into a file")
@@ -1083,10 +1092,9 @@ PYBIND11_MODULE(kscamera, m) {
         .def(
             "upload_fpga",
             [](const Camera& c, const std::string& path, Progress progress) {
-                long_operation(c.state(), progress, "uploading the FPGA bitstream " + path,
-                               [&](KSCameraAbstract* h) {
-                                   return ksUploadFpgaBitFile(h, path.c_str());
-                               });
+                long_operation(
+                    c.state(), progress, "uploading the FPGA bitstream " + path,
+                    [&](KSCameraAbstract* h) { return ksUploadFpgaBitFile(h, path.c_str()); });
             },
             py::arg("path"), py::arg("progress") = py::none())
         .def(
@@ -1095,8 +1103,7 @@ PYBIND11_MODULE(kscamera, m) {
                 long_operation(c.state(), progress, "resetting to the factory state",
                                [](KSCameraAbstract* h) { return ksResetCameraToFactoryState(h); });
             },
-            py::arg("progress") = py::none(),
-            "Erases the stored settings and the effective EPR")
+            py::arg("progress") = py::none(), "Erases the stored settings and the effective EPR")
         .def("suspend",
              [](const Camera& c) {
                  c.call([](KSCameraAbstract* h) {
@@ -1123,23 +1130,23 @@ PYBIND11_MODULE(kscamera, m) {
         .def("close", &World::close, "Closes the cameras opened on it and removes it")
         .def_property_readonly("warp",
                                [](const World& w) { return kssim_world_warp(w.state().world); })
-        .def_property_readonly("now_us",
-                               [](const World& w) { return kssim_world_now_us(w.state().world); },
-                               "The virtual clock in microseconds")
-        .def_property_readonly("nodes",
-                               [](const World& w) {
-                                   std::vector<std::string> out;
-                                   for (uint32_t i = 0; i < kssim_world_camera_count(w.state().world);
-                                        ++i)
-                                       out.push_back(kssim_camera_node_path(
-                                           w.camera(i), KSSIM_NODE_CAPTURE));
-                                   return out;
-                               })
+        .def_property_readonly(
+            "now_us", [](const World& w) { return kssim_world_now_us(w.state().world); },
+            "The virtual clock in microseconds")
+        .def_property_readonly(
+            "nodes",
+            [](const World& w) {
+                std::vector<std::string> out;
+                for (uint32_t i = 0; i < kssim_world_camera_count(w.state().world); ++i)
+                    out.push_back(kssim_camera_node_path(w.camera(i), KSSIM_NODE_CAPTURE));
+                return out;
+            })
         .def(
             "true_distance",
             [](const World& w, unsigned x, unsigned y, unsigned camera) -> std::optional<double> {
                 double mm = 0;
-                if (kssim_camera_true_distance(w.camera(camera), x, y, &mm) != 0) return std::nullopt;
+                if (kssim_camera_true_distance(w.camera(camera), x, y, &mm) != 0)
+                    return std::nullopt;
                 return mm;
             },
             py::arg("x"), py::arg("y"), py::arg("camera") = 0,
@@ -1148,9 +1155,8 @@ PYBIND11_MODULE(kscamera, m) {
     m.def(
         "virtual",
         [](unsigned cameras, std::vector<std::string> serials, const std::string& scene,
-           double distance_mm, double warp, double fps, bool imu) {
-            return World(cameras, serials, scene, distance_mm, warp, fps, imu);
-        },
+           double distance_mm, double warp, double fps,
+           bool imu) { return World(cameras, serials, scene, distance_mm, warp, fps, imu); },
         py::kw_only(), py::arg("cameras") = 1, py::arg("serials") = std::vector<std::string>{},
         py::arg("scene") = "room", py::arg("distance") = 0.0, py::arg("warp") = 1.0,
         py::arg("fps") = 0.0, py::arg("imu") = true,

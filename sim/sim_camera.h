@@ -224,9 +224,9 @@ class Camera {
     void stream_off(std::unique_lock<std::mutex>& lk);
     void release_queue(std::unique_lock<std::mutex>& lk);
     // The stream claim of another process: false when one holds it.
-    bool claim_stream();  // caller holds mu_
+    bool claim_stream();       // caller holds mu_
     void drop_stream_claim();  // caller holds mu_
-    void refresh_ready();  // caller holds mu_
+    void refresh_ready();      // caller holds mu_
     void poll_state_locked(const OpenFile& f, bool* readable, bool* error) const;
     void producer_main();
     struct FrameStamp {

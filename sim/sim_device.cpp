@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "sim/sim_world.h"
 #include "sim/sim_bytes.h"
+#include "sim/sim_world.h"
 
 namespace kssim {
 
@@ -22,7 +22,6 @@ constexpr size_t kTrafficKept = 16384;
 constexpr size_t kVersionSize = 32;
 constexpr uint32_t kGpioPins = 32;
 constexpr uint32_t kGpioAsicPower = 17;
-
 
 }  // namespace
 

@@ -367,8 +367,7 @@ int _KestraStereoCamSDK_Impl::setWhiteBalanceParam(unsigned short first, unsigne
                                                    unsigned short last) {
     const int r = bracketed(m_ctrl, [&] {
         return ks_set_white_balance_param(m_ctrl, static_cast<uint8_t>(first),
-                                          static_cast<uint8_t>(middle),
-                                          static_cast<uint8_t>(last));
+                                          static_cast<uint8_t>(middle), static_cast<uint8_t>(last));
     });
     if (r != 0) {
         KS_LOG_ERROR(KS_SDK_IMPL_MODULE, "SDK CMOS Failed %d\n", r);

@@ -25,7 +25,7 @@ constexpr uint64_t kSkipThreshold = 8000;
 
 constexpr double kTemperatureScale = 0.48309178743961356;  // 1 / 2.07 degrees per count
 constexpr double kTemperatureOffset = 25.0;
-constexpr double kAccelerationScale = 0.0011962890625;     // 9.8 / 8192 m/s^2 per count
+constexpr double kAccelerationScale = 0.0011962890625;       // 9.8 / 8192 m/s^2 per count
 constexpr double kAngularRateScale = 0.0010642251536550791;  // (pi / 180) / 16.4 rad/s per count
 
 // Samples drained by every receiver of the process; never reset.
@@ -43,7 +43,9 @@ int fetch_samples(int fd, uint8_t* buf) {
     return count > kKsImuMaxSamplesPerFetch ? kKsImuMaxSamplesPerFetch : count;
 }
 
-int16_t le16(const uint8_t* p) { return static_cast<int16_t>(p[0] | (p[1] << 8)); }
+int16_t le16(const uint8_t* p) {
+    return static_cast<int16_t>(p[0] | (p[1] << 8));
+}
 
 void reset_indices(KsImuModule* imu) {
     imu->write_index = -1;
@@ -225,7 +227,9 @@ int pause_Imu_Module(KsImuModule* imu) {
     return 0;
 }
 
-int resume_Imu_Module(KsImuModule* imu) { return probe_and_start(imu, true); }
+int resume_Imu_Module(KsImuModule* imu) {
+    return probe_and_start(imu, true);
+}
 
 int setIMUSyncIdAddress(KsImuModule* imu, unsigned long* addr) {
     imu->sync_id_addr.store(addr, std::memory_order_release);

@@ -13,9 +13,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "ksStereoCameraDriver.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_application_layer.h"
 #include "ks_asic_iic_ctrl/source/ks_iic_kernel.h"
-#include "ksStereoCameraDriver.h"
 #include "sim/kssim.h"
 
 int main(int argc, char** argv) {

@@ -76,6 +76,8 @@ TEST_F(HostileTest, EveryPublicOperationSurvivesRandomRepliesAndWritesOnlyWhereA
     KSCameraAbstract* h = handle_;
     // The EEPROM address the current operation asks to write, if any.
     int64_t asked = -1;
+    // One operation a line.
+    // clang-format off
     const std::vector<std::function<void()>> operations = {
         [&] { unsigned long id; unsigned char* f; ksGetCurrentFrame(h, &id, &f); },
         [&] { _ks_imu_data_set_s* s; ksGetIMUData(h, &s); },
@@ -134,6 +136,7 @@ TEST_F(HostileTest, EveryPublicOperationSurvivesRandomRepliesAndWritesOnlyWhereA
         [&] { ksSuspendCamera(h); },
         [&] { ksResumeCamera(h); },
     };
+    // clang-format on
 
     const uint64_t wanted = exchanges_wanted();
     ASSERT_EQ(0, kssim_camera_set_hostile(camera, 1, 99));
@@ -155,8 +158,8 @@ TEST_F(HostileTest, EveryPublicOperationSurvivesRandomRepliesAndWritesOnlyWhereA
             const int64_t took = virtual_now_us() - start;
             ++calls;
             if (took > kOperationBoundUs)
-                stray = "operation " + std::to_string(which) + " took " + std::to_string(took) +
-                        " us";
+                stray =
+                    "operation " + std::to_string(which) + " took " + std::to_string(took) + " us";
             const size_t n = kssim_camera_traffic_count(camera);
             for (size_t i = 0; i < n && stray.empty(); ++i) {
                 kssim_message m{};

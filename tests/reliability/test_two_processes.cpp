@@ -23,7 +23,6 @@
 
 extern char** environ;
 
-
 namespace {
 
 constexpr int64_t kGenerousUs = 300000000;

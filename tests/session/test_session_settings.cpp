@@ -252,6 +252,7 @@ TEST_F(SettingsTest, SettingsLandInTheirRegisters) {
         std::function<int()> set;
         std::vector<Landing> lands;
     };
+    // clang-format off
     const std::vector<Row> rows = {
         {"trim 7, 3 made even",
          [&] { return ksSetLineTrim(handle_, 7, 3); },
@@ -308,6 +309,7 @@ TEST_F(SettingsTest, SettingsLandInTheirRegisters) {
          [&] { return ksWriteEEpromAddressValue(handle_, 0x3D00, 0x77); },
          {{At::Eeprom, 0x3D00, 0x77}}},
     };
+    // clang-format on
     for (const Row& row : rows) {
         int result = -1;
         printed_by([&] { result = row.set(); });
@@ -432,6 +434,7 @@ TEST_F(SettingsTest, EachSensorModelGetsItsOwnSetters) {
         std::vector<Landing> exposure_lands;
         const char* printed;
     };
+    // clang-format off
     const std::vector<Model> models = {
         // IMX225: 33000 / 25 = 1320 lines; gain capped at 255; exposure
         // counted from the end of the frame: 1320 - 200 = 1120.
@@ -470,6 +473,7 @@ TEST_F(SettingsTest, EachSensorModelGetsItsOwnSetters) {
          {},
          "Unsupport Cmos Model 03\n"},
     };
+    // clang-format on
     for (const Model& m : models) {
         SCOPED_TRACE(m.name);
         kssim_camera_config cfg;
@@ -546,8 +550,10 @@ TEST_F(SettingsTest, SerialNumberWrittenReopenedAndErased) {
     EXPECT_NE(std::string::npos, printed.find("Erase SN error\n"));
     EXPECT_NE(std::string::npos,
               printed.find("\nFile: driver/driver_cpp/source/KSUVCCamera : Line: "));
-    EXPECT_NE(std::string::npos, printed.find("->Function: set_camera_sn\nsetCameraSN(NEW) return -1"));
-    EXPECT_NE(std::string::npos, printed.find("->Function: get_camera_sn\ngetCameraSN() return -1"));
+    EXPECT_NE(std::string::npos,
+              printed.find("->Function: set_camera_sn\nsetCameraSN(NEW) return -1"));
+    EXPECT_NE(std::string::npos,
+              printed.find("->Function: get_camera_sn\ngetCameraSN() return -1"));
     EXPECT_EQ(-2, ksEraseCameraSN(handle_));
 }
 
@@ -563,8 +569,8 @@ TEST_F(SettingsTest, BadValuesAndFaultsAreRefusedCleanly) {
     ASSERT_EQ(0, ksSetLineOffset(handle_, 1.0f));
 
     std::vector<std::pair<At, uint32_t>> watched = {
-        {At::Asic, 0x26}, {At::Asic, 0x28}, {At::Asic, 0x33}, {At::Asic, 0x35}, {At::Fpga, 0x10},
-        {At::Fpga, 0x30}, {At::Fpga, 0x31}, {At::SensorA, 0x3509}};
+        {At::Asic, 0x26}, {At::Asic, 0x28}, {At::Asic, 0x33}, {At::Asic, 0x35},
+        {At::Fpga, 0x10}, {At::Fpga, 0x30}, {At::Fpga, 0x31}, {At::SensorA, 0x3509}};
     watched.push_back({At::Asic, 0x42});
     for (uint32_t r = 0x71; r <= 0x74; ++r) watched.push_back({At::Asic, r});
     for (uint32_t a = kCustomArea; a < kCustomArea + kCustomAreaSize; ++a)
@@ -590,6 +596,7 @@ TEST_F(SettingsTest, BadValuesAndFaultsAreRefusedCleanly) {
         bool quiet_device;  // refused before any control traffic
     };
     const _ks_filllight_type_e alternate = KS_FILLLIGHT_TYPE_ALTERNATE;
+    // clang-format off
     const std::vector<Row> rows = {
         {"exposure above 800", {}, [&] { return ksSetExposure(handle_, 801); }, -1, "", "", {},
          true},
@@ -653,6 +660,7 @@ TEST_F(SettingsTest, BadValuesAndFaultsAreRefusedCleanly) {
          [&] { return ksWriteCmosRegisterValue(handle_, 0x3509, 0x44); },
          -1, "", "CMOS SET ERROR DETECTED", {}, false},
     };
+    // clang-format on
     const short disp = ksV4l2GetDisparityOffset(driver());
     const unsigned char range = ksV4l2GetRangeOffset(driver());
     ASSERT_EQ(32, disp);
@@ -860,6 +868,7 @@ TEST_F(SettingsTest, VersionsHardwareAndTheGuardPair) {
     };
     unsigned short value = 0;
     unsigned char byte = 0;
+    // clang-format off
     const std::vector<Op> ops = {
         {"ASIC register write", [&] { return ksWriteNuvexRegisterValue(handle_, 0x90, 1); }, 0,
          true},
@@ -890,6 +899,7 @@ TEST_F(SettingsTest, VersionsHardwareAndTheGuardPair) {
         {"sensor register read", [&] { return ksReadCmosRegisterValue(handle_, 0x3509, &value); },
          -1, false},
     };
+    // clang-format on
     constexpr uint32_t kFpga = 0xC0, kRtt = 0x08;
     for (const Op& op : ops) {
         kssim_camera_traffic_clear(camera);
@@ -939,10 +949,10 @@ TEST(LineOffsetSplit, BothPartsNonNegativeWithAWholeSum) {
         float offset, left, right;
     };
     _KestraStereoCamSDK_Impl session;
-    for (const Split& s : {Split{3.0f, 3.0f, 0.0f}, Split{5e-7f, 0.0f, 0.0f},
-                           Split{-2.0f, 0.0f, 2.0f}, Split{2.3f, 2.65f, 0.35f},
-                           Split{-0.5f, 0.25f, 0.75f}, Split{kNaN, 0.0f, 0.0f},
-                           Split{kInf, kInf, 0.0f}, Split{-3e9f, 0.0f, 3e9f}}) {
+    for (const Split& s :
+         {Split{3.0f, 3.0f, 0.0f}, Split{5e-7f, 0.0f, 0.0f}, Split{-2.0f, 0.0f, 2.0f},
+          Split{2.3f, 2.65f, 0.35f}, Split{-0.5f, 0.25f, 0.75f}, Split{kNaN, 0.0f, 0.0f},
+          Split{kInf, kInf, 0.0f}, Split{-3e9f, 0.0f, 3e9f}}) {
         float left = -1, right = -1;
         session.autoAssignLineOffsetLR(s.offset, &left, &right);
         EXPECT_FLOAT_EQ(s.left, left) << s.offset;

@@ -141,7 +141,8 @@ class Capture {
     // Waits (a generous minute of camera time by default, since a loaded host
     // can starve the camera's producer), dequeues, copies the frame, re-queues:
     // 0 or errno (ETIMEDOUT).
-    int next_frame(std::vector<uint8_t>& out, v4l2_buffer* info = nullptr, long timeout_ms = 60000) {
+    int next_frame(std::vector<uint8_t>& out, v4l2_buffer* info = nullptr,
+                   long timeout_ms = 60000) {
         const int w = wait(timeout_ms);
         if (w <= 0) return w == 0 ? ETIMEDOUT : -w;
         v4l2_buffer b;

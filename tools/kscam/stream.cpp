@@ -166,7 +166,8 @@ int cmd_imu(Camera& camera, double seconds, unsigned count) {
         _ks_imu_data_set_s* s = nullptr;
         const int r = ksGetIMUData(h, &s);
         if (r != 0 || s == nullptr) {
-            if (host.now_us() - last_sample > kImuSilenceUs) check(r != 0 ? r : -2, "reading the IMU");
+            if (host.now_us() - last_sample > kImuSilenceUs)
+                check(r != 0 ? r : -2, "reading the IMU");
             // A pause on the camera's clock before asking again.
             std::this_thread::sleep_for(std::chrono::microseconds(
                 static_cast<int64_t>(kImuRetryUs / std::max(host.warp(), 1e-3))));

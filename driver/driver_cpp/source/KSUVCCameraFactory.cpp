@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <memory>
-#include <memory>
 
 #include "driver/driver_cpp/source/KSUVCCamera.h"
 
