@@ -3,7 +3,7 @@
 # UndefinedBehaviorSanitizer on) and runs each for a while, starting from its
 # seed corpus in fuzz/corpus/<harness>/.
 #
-#   scripts/fuzz.sh [seconds per harness (default 60)] [harness name filter]
+#   scripts/fuzz.sh [seconds per harness (default 60)] [harness name regex]
 #
 # KS_FUZZ_JOBS=N runs N harnesses at a time (default 1); each harness is one
 # libFuzzer process, so its CPU time is about its seconds when N is at most
@@ -64,7 +64,7 @@ run_one() {
 names=()
 for seeds in fuzz/corpus/*/; do
     name=$(basename "$seeds")
-    [ -z "$filter" ] || [[ $name == *"$filter"* ]] || continue
+    [ -z "$filter" ] || [[ $name =~ $filter ]] || continue
     names+=("$name")
     rm -f "$build/logs/$name.summary"
     while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do wait -n || true; done
